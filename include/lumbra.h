@@ -1,0 +1,171 @@
+/*
+ * lumbra: numerical library for quantitative portfolio work.
+ *
+ * Every argument is a pointer: int* for counts, double* for scalars,
+ * vectors and matrices.  Matrices are dense and row-major: element (r, c)
+ * of an R by C matrix stands at position r*C + c.  Arrays marked
+ * "converted" are rewritten in place during the call and restored before it
+ * returns, so they must not be shared with another thread during the call
+ * (an allocator's cov comes back symmetric: its upper triangle is rebuilt
+ * from the lower).
+ *
+ * Return values (all functions but ORXlumbraTest):
+ *   0     success, *status is 0
+ *   2     a work array could not be obtained; outputs cleared
+ *   5     the engine ran and *status is negative (a failure)
+ *   6     the engine ran and *status is positive (a warning or partial result)
+ *   301+  argument 300+k failed its test; outputs cleared, *status is 0
+ *
+ * Results are never annualised; value-at-risk figures are return quantiles
+ * with their sign (a loss is negative).
+ *
+ * Status -1 means "engine not available in this build": the export ran its
+ * whole frame (tests, clearing, work arrays, layout conversion) but the
+ * computation behind it is not part of this release.
+ */
+#ifndef ORX_LUMBRA_H
+#define ORX_LUMBRA_H
+
+#if defined(_WIN32)
+#  if defined(LUMBRA_BUILDING)
+#    define LUMBRA_API __declspec(dllexport)
+#  else
+#    define LUMBRA_API __declspec(dllimport)
+#  endif
+#else
+#  define LUMBRA_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Portfolio allocation ------------------------------------------- */
+
+/* Minimum-variance portfolio with expected return >= *target.
+ * n >= 2 (301); cov[n][n] (302, converted); mu[n] (303); nEq >= 0 (304);
+ * nIneq >= 0 (305); cons[n][nEq+nIneq] one column per constraint,
+ * equalities first, inequalities as cons_j' w <= rhs_j (306, converted);
+ * rhs (307); lower[n] (308, also lower > upper); upper[n] (309);
+ * weights[n] out.  Statuses: -108 cov not positive definite, -100 no
+ * feasible portfolio, -101 inconsistent constraints, 1007 iteration limit,
+ * and the solver statuses -1002..-1008, 10077, -10078. */
+LUMBRA_API int ORXallocMV(int* n, double* cov, double* mu, int* nEq, int* nIneq,
+                          double* cons, double* rhs, double* lower, double* upper,
+                          double* target, double* weights, int* status);
+
+/* Smallest tracking-error portfolio with expected return >= benchmark
+ * return + *excess.  benchCov[n] = Sigma b (304); other arguments as in
+ * ORXallocMV, shifted by the two benchmark arguments (306..311).  The result
+ * is verified against the caller's constraints (-100 when it fails). */
+LUMBRA_API int ORXallocIT(int* n, double* cov, double* mu, double* benchCov,
+                          double* benchReturn, int* nEq, int* nIneq, double* cons,
+                          double* rhs, double* lower, double* upper, double* excess,
+                          double* weights, int* status);
+
+/* Fully invested portfolio of largest Sharpe ratio over *riskFree.
+ * Arguments and tests as ORXallocMV.  Statuses as ORXallocMV plus -113 (the
+ * scale variable of the homogeneous problem vanished); -100 when no feasible
+ * portfolio beats the risk-free rate. */
+LUMBRA_API int ORXallocSharpeRatio(int* n, double* cov, double* mu, int* nEq,
+                                   int* nIneq, double* cons, double* rhs,
+                                   double* lower, double* upper, double* riskFree,
+                                   double* weights, int* status);
+
+/* ---- Data modelling -------------------------------------------------- */
+
+/* Simple returns over *lag rows: result[nObs-lag][nSeries].
+ * nObs >= 2 (301); nSeries >= 1 (302); prices[nObs][nSeries] all > 0 (303,
+ * converted); 0 < lag < nObs (304).  Status -103: a price below 1e-30. */
+LUMBRA_API int ORXmodelingReturns(int* nObs, int* nSeries, double* prices, int* lag,
+                                  double* result, int* status);
+
+/* Logarithmic returns, as ORXmodelingReturns; -103 below 1e-15 (single). */
+LUMBRA_API int ORXmodelingLogReturns(int* nObs, int* nSeries, double* prices,
+                                     int* lag, double* result, int* status);
+
+/* Sample covariance (divisor nObs - 1, scale in single precision):
+ * nObs >= 2 (301); nAssets >= 1 (302); returns[nObs][nAssets] (303,
+ * converted); result[nAssets][nAssets]. */
+LUMBRA_API int ORXmodelingCov(int* nObs, int* nAssets, double* returns,
+                              double* result, int* status);
+
+/* Sample correlation, arguments as ORXmodelingCov.  Status 5 (return 6):
+ * an asset of (near) zero variance, whose correlations are set to 0. */
+LUMBRA_API int ORXmodelingCorr(int* nObs, int* nAssets, double* returns,
+                               double* result, int* status);
+
+/* Nearest symmetric matrix to target[n][n] with eigenvalues >= *eigenFloor
+ * under nEq equalities <A_k, X> = eqValues[k] and nIneq inequalities
+ * ineqLower[k] <= <B_k, X> <= ineqUpper[k]; the matrices stand side by side
+ * in eqMatrices[n][nEq*n] and ineqMatrices[n][nIneq*n].  Tests 301..311. */
+LUMBRA_API int ORXmodelingSDLS(int* n, double* target, int* nEq, double* eqMatrices,
+                               double* eqValues, int* nIneq, double* ineqMatrices,
+                               double* ineqLower, double* ineqUpper,
+                               double* tolerance, double* eigenFloor, double* result,
+                               int* status);
+
+/* Nearest correlation matrix to target[n][n] with eigenvalues >=
+ * *eigenFloor (0 <= floor < 1, 304); tolerance > 0 (303). */
+LUMBRA_API int ORXmodelingSDLScorr(int* n, double* target, double* tolerance,
+                                   double* eigenFloor, double* result, int* status);
+
+/* ---- Risk analysis --------------------------------------------------- */
+
+/* w' mu.  n >= 1 (301); mu (302); weights (303). */
+LUMBRA_API int ORXanalysisExanteReturn(int* n, double* mu, double* weights,
+                                       double* result, int* status);
+
+/* sqrt(w' Sigma w).  n >= 1 (301); cov (302, converted); weights (303). */
+LUMBRA_API int ORXanalysisExanteVolatility(int* n, double* cov, double* weights,
+                                           double* result, int* status);
+
+/* Normal value at risk w'mu - sigma z(level).  0 < level < 1 (305).
+ * Status -102: level outside the engine's limits. */
+LUMBRA_API int ORXanalysisExanteNormalVaR(int* n, double* cov, double* mu,
+                                          double* weights, double* level,
+                                          double* result, int* status);
+
+/* Modified (Cornish-Fisher) value at risk from a return history
+ * returns[nObs][nAssets] (nObs >= 4) and a covariance cov[nAssets][nAssets].
+ * 0 < level < 1 (306).  Statuses -102, -104, -1000, -2. */
+LUMBRA_API int ORXanalysisExanteModifiedVaR(int* nObs, int* nAssets, double* weights,
+                                            double* returns, double* cov,
+                                            double* level, double* result,
+                                            int* status);
+
+/* Mean of series[n].  n >= 1 (301); series (302). */
+LUMBRA_API int ORXanalysisExpostReturn(int* n, double* series, double* result,
+                                       int* status);
+
+/* Sample standard deviation of series[n].  n >= 2 (301); series (302). */
+LUMBRA_API int ORXanalysisExpostVolatility(int* n, double* series, double* result,
+                                           int* status);
+
+/* Gaussian kernel density of data[nObs] (nObs >= 2, 301) at the
+ * non-decreasing points[nPoints] (nPoints >= 1, 302; 304): result[nPoints]. */
+LUMBRA_API int ORXanalysisGaussianKernel(int* nObs, int* nPoints, double* data,
+                                         double* points, double* result, int* status);
+
+/* ---- Simulation ------------------------------------------------------ */
+
+/* One correlated geometric Brownian path of n assets: paths[steps][n], the
+ * first row from start[n] (304), drift[n] (305), cov[n][n] (306,
+ * converted), time step horizon / steps.  The caller guarantees n >= 1 and
+ * steps >= 1.  A positive status (return 6) is DPOTRF's INFO: the
+ * covariance has no Cholesky factor even after its eigenvalues were floored,
+ * and the paths then carry no shocks. */
+LUMBRA_API int ORXsimulGeometricBrownianX(int* n, int* horizon, int* steps,
+                                          double* start, double* drift, double* cov,
+                                          double* paths, int* status);
+
+/* ---- Version probe --------------------------------------------------- */
+
+/* Writes 10, 4, 1, 16, a build stamp and 2; returns 0. */
+LUMBRA_API int ORXlumbraTest(int* a, int* b, int* c, int* d, int* stamp, int* f);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ORX_LUMBRA_H */

@@ -1,0 +1,455 @@
+// Dense matrix kernels on BLAS and LAPACK.
+#include "kernels/kernels.h"
+
+#include <climits>
+#include <cmath>
+
+#include "kernels/blas.h"
+
+namespace lumbra::kernels {
+namespace {
+
+constexpr int kOne = 1;
+constexpr double kUnit = 1.0;
+constexpr double kMinusUnit = -1.0;
+constexpr double kZero = 0.0;
+
+// Largest element count handed to one level-1 BLAS call; longer arrays are
+// processed in consecutive chunks, which gives the same elementwise result.
+constexpr i64 kChunk = INT_MAX;
+
+// y(0:count-1) := x(0:count-1) for a count that may exceed the BLAS int.
+void copyLong(i64 count, const double* x, double* y) {
+  for (i64 s = 0; s < count; s += kChunk) {
+    const int len = static_cast<int>(count - s < kChunk ? count - s : kChunk);
+    dcopy_(&len, x + s, &kOne, y + s, &kOne);
+  }
+}
+
+// x(0:count-1) := alpha * x(0:count-1) for a count that may exceed the BLAS int.
+void scaleLong(i64 count, const double& alpha, double* x) {
+  for (i64 s = 0; s < count; s += kChunk) {
+    const int len = static_cast<int>(count - s < kChunk ? count - s : kChunk);
+    dscal_(&len, &alpha, x + s, &kOne);
+  }
+}
+
+}  // namespace
+
+// ---- vectors --------------------------------------------------------------
+
+// y := x
+void vecCopy(const int& n, const double* x, double* y) {
+  if (n < 1) return;
+  dcopy_(&n, x, &kOne, y, &kOne);
+}
+
+// x(i) := c
+void vecFill(const int& n, double* x, const double& c) {
+  for (i64 i = 0; i < n; ++i) x[i] = c;
+}
+
+// r := x' y
+void vecDot(const int& n, const double* x, const double* y, double& r) {
+  if (n < 1) return;
+  r = ddot_(&n, x, &kOne, y, &kOne);
+}
+
+// r := min x(i); for n <= 1 simply x(0).
+void vecMin(const int& n, const double* x, double& r) {
+  r = x[0];
+  for (i64 i = 1; i < n; ++i)
+    if (x[i] < r) r = x[i];
+}
+
+// r := (x(0) + ... + x(n-1)) / n, summed in index order; 0.0 / n for n < 1.
+void vecMean(const int& n, const double* x, double& r) {
+  double s = 0.0;
+  for (i64 i = 0; i < n; ++i) s += x[i];
+  r = s / n;
+}
+
+// y := alpha x
+void vecCopyScale(const int& n, const double* x, const double& alpha, double* y) {
+  if (n < 1) return;
+  dcopy_(&n, x, &kOne, y, &kOne);
+  dscal_(&n, &alpha, y, &kOne);
+}
+
+// z := b + 1.0 a
+void vecAdd(const int& n, const double* a, const double* b, double* z) {
+  if (n < 1) return;
+  dcopy_(&n, b, &kOne, z, &kOne);
+  daxpy_(&n, &kUnit, a, &kOne, z, &kOne);
+}
+
+// z := a + (-1.0) b
+void vecSub(const int& n, const double* a, const double* b, double* z) {
+  if (n < 1) return;
+  dcopy_(&n, a, &kOne, z, &kOne);
+  daxpy_(&n, &kMinusUnit, b, &kOne, z, &kOne);
+}
+
+// z := a + alpha b
+void vecAddScaled(const int& n, const double* a, const double* b, const double& alpha,
+                  double* z) {
+  if (n < 1) return;
+  dcopy_(&n, a, &kOne, z, &kOne);
+  daxpy_(&n, &alpha, b, &kOne, z, &kOne);
+}
+
+// A := x x'
+void vecOuter(const int& n, const double* x, double* A) {
+  if (n < 1) return;
+  matFill(n, n, A, kZero);
+  dger_(&n, &n, &kUnit, x, &kOne, x, &kOne, A, &n);
+}
+
+// ---- full matrices --------------------------------------------------------
+
+// B := A (m by n, one contiguous copy)
+void matCopy(const int& m, const int& n, const double* A, double* B) {
+  if (m < 1 || n < 1) return;
+  copyLong(i64{m} * n, A, B);
+}
+
+// A(i,j) := c
+void matFill(const int& m, const int& n, double* A, const double& c) {
+  if (m < 1 || n < 1) return;
+  const i64 count = i64{m} * n;
+  for (i64 k = 0; k < count; ++k) A[k] = c;
+}
+
+// A := c I, every element written
+void matDiagonal(const int& n, double* A, const double& c) {
+  if (n < 1) return;
+  matFill(n, n, A, kZero);
+  for (i64 i = 0; i < n; ++i) A[at(i, i, n)] = c;
+}
+
+// A := alpha A
+void matScale(const int& m, const int& n, double* A, const double& alpha) {
+  if (m < 1 || n < 1) return;
+  scaleLong(i64{m} * n, alpha, A);
+}
+
+// B := alpha A (B may be A)
+void matCopyScale(const int& m, const int& n, const double* A, const double& alpha,
+                  double* B) {
+  if (m < 1 || n < 1) return;
+  if (A != B) copyLong(i64{m} * n, A, B);
+  scaleLong(i64{m} * n, alpha, B);
+}
+
+// C := A + B elementwise (C may be A or B)
+void matAdd(const int& m, const int& n, const double* A, const double* B, double* C) {
+  if (m < 1 || n < 1) return;
+  const i64 count = i64{m} * n;
+  for (i64 k = 0; k < count; ++k) C[k] = A[k] + B[k];
+}
+
+// B := A + c I
+void matAddDiag(const int& n, const double* A, const double& c, double* B) {
+  if (n < 1) return;
+  if (A != B) matCopy(n, n, A, B);
+  for (i64 i = 0; i < n; ++i) B[at(i, i, n)] += c;
+}
+
+// r := sum A(i,i); 0.0 for n < 1
+void matTrace(const int& n, const double* A, double& r) {
+  r = 0.0;
+  for (i64 i = 0; i < n; ++i) r += A[at(i, i, n)];
+}
+
+// C := A B, all n by n
+void matMul(const int& n, const double* A, const double* B, double* C) {
+  if (n < 1) return;
+  dgemm_("N", "N", &n, &n, &n, &kUnit, A, &n, B, &n, &kZero, C, &n, 1, 1);
+}
+
+// C := X' X, X m by n with leading dimension m
+void matGram(const int& m, const int& n, const double* X, double* C) {
+  if (m < 1 || n < 1) return;
+  dgemm_("T", "N", &n, &n, &m, &kUnit, X, &m, X, &m, &kZero, C, &n, 1, 1);
+}
+
+// y := A' x
+void matTransMulVec(const int& n, const double* A, const double* x, double* y) {
+  if (n < 1) return;
+  dgemv_("T", &n, &n, &kUnit, A, &n, x, &kOne, &kZero, y, &kOne, 1);
+}
+
+// y := L x, L lower triangular (the strict upper part is not read)
+void matLowerMulVec(const int& n, const double* L, const double* x, double* y) {
+  if (n < 1) return;
+  vecCopy(n, x, y);
+  dtrmv_("L", "N", "N", &n, L, &n, y, &kOne, 1, 1, 1);
+}
+
+// r := sum_j x(j) (sum_k A(j,k) x(k)), A not assumed symmetric
+void matQuadForm(const int& n, const double* A, const double* x, double& r) {
+  r = 0.0;
+  for (i64 j = 0; j < n; ++j) {
+    double row = 0.0;
+    for (i64 k = 0; k < n; ++k) row += A[at(j, k, n)] * x[k];
+    r += x[j] * row;
+  }
+}
+
+// means(j) := (A(0,j) + ... + A(m-1,j)) / m
+void matColMeans(const int& m, const int& n, const double* A, double* means) {
+  for (i64 j = 0; j < n; ++j) {
+    double s = 0.0;
+    for (i64 i = 0; i < m; ++i) s += A[at(i, j, m)];
+    means[j] = s / m;
+  }
+}
+
+// B := lower triangle of A, zeros above the diagonal
+void matLowerPart(const int& n, const double* A, double* B) {
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = 0; i < n; ++i) B[at(i, j, n)] = i >= j ? A[at(i, j, n)] : 0.0;
+}
+
+// B(i,j) := (A(i,j) + A(j,i)) * 0.5; safe with B = A
+void matSymmetrise(const int& n, const double* A, double* B) {
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = 0; i <= j; ++i) {
+      const double v = (A[at(i, j, n)] + A[at(j, i, n)]) * 0.5;
+      B[at(i, j, n)] = v;
+      B[at(j, i, n)] = v;
+    }
+}
+
+// A(i-1, 0:n-1) := x, with the row i counted from 1; -2 unless 0 < i <= ld.
+void matSetRow(const int& ld, const int& n, double* A, const double* x, const int& i,
+               int& status) {
+  if (i <= 0 || i > ld) {
+    status = -2;
+    return;
+  }
+  status = 0;
+  for (i64 j = 0; j < n; ++j) A[at(i - 1, j, ld)] = x[j];
+}
+
+// Y(idx(j)-1, idx(i)-1) := X(j,i) with 1-based positions idx; Y has leading
+// dimension m.  -2 when m < n or at the first idx(k) > m met while writing.
+void matScatter(const int& n, const double* X, const int& m, const int* idx, double* Y,
+                int& status) {
+  status = 0;
+  if (n < 1) return;
+  if (m < n) {
+    status = -2;
+    return;
+  }
+  for (i64 i = 0; i < n; ++i) {
+    for (i64 j = 0; j < n; ++j) {
+      if (idx[j] > m || idx[i] > m) {
+        status = -2;
+        return;
+      }
+      Y[at(idx[j] - 1, idx[i] - 1, m)] = X[at(j, i, n)];
+    }
+  }
+}
+
+// B(iB-1+a, jB-1+b) := A(iA-1+a, jA-1+b) for the r by c block; positions
+// counted from 1.  -2 with nothing written when a block leaves its matrix.
+void matCopyBlock(const int& r, const int& c, const int& ldA, const int& colsA,
+                  const double* A, const int& iA, const int& jA, const int& ldB,
+                  const int& colsB, double* B, const int& iB, const int& jB,
+                  int& status) {
+  if (i64{iA} + r - 1 > ldA || i64{jA} + c - 1 > colsA || i64{iB} + r - 1 > ldB ||
+      i64{jB} + c - 1 > colsB) {
+    status = -2;
+    return;
+  }
+  status = 0;
+  for (i64 b = 0; b < c; ++b)
+    for (i64 a = 0; a < r; ++a)
+      B[at(iB - 1 + a, jB - 1 + b, ldB)] = A[at(iA - 1 + a, jA - 1 + b, ldA)];
+}
+
+// ---- packed symmetric matrices --------------------------------------------
+
+// P := upper triangle of A
+void packFromFull(const int& n, const double* A, double* P) {
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = 0; i <= j; ++i) P[packAt(i, j)] = A[at(i, j, n)];
+}
+
+// A(i,j) := A(j,i) := P(i,j)
+void packToFull(const int& n, const double* P, double* A) {
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = 0; i <= j; ++i) {
+      A[at(i, j, n)] = P[packAt(i, j)];
+      A[at(j, i, n)] = P[packAt(i, j)];
+    }
+}
+
+// d(i) := P(i,i)
+void packDiag(const int& n, const double* P, double* d) {
+  for (i64 i = 0; i < n; ++i) d[i] = P[packAt(i, i)];
+}
+
+// P := diag(d); d(0) lands in P(0,0) before n is looked at
+void packFromDiag(const int& n, const double* d, double* P) {
+  P[0] = d[0];
+  for (i64 j = 1; j < n; ++j) {
+    for (i64 i = 0; i < j; ++i) P[packAt(i, j)] = 0.0;
+    P[packAt(j, j)] = d[j];
+  }
+}
+
+// R := P + Q over the n(n+1)/2 packed positions
+void packAdd(const int& n, const double* P, const double* Q, double* R) {
+  const i64 count = n < 1 ? 0 : i64{n} * (n + 1) / 2;
+  for (i64 k = 0; k < count; ++k) R[k] = P[k] + Q[k];
+}
+
+// r := trace(P Q): off-diagonal products counted twice, one accumulator
+// running over the packed positions in order.
+void packInner(const int& n, const double* P, const double* Q, double& r) {
+  r = 0.0;
+  for (i64 j = 0; j < n; ++j) {
+    for (i64 i = 0; i < j; ++i) r += (P[packAt(i, j)] * 2.0) * Q[packAt(i, j)];
+    r += P[packAt(j, j)] * Q[packAt(j, j)];
+  }
+}
+
+// r := Frobenius norm of the full symmetric matrix held in P.
+void packFrobenius(const int& n, const double* P, double& r) {
+  double s = 0.0;
+  for (i64 j = 0; j < n; ++j) {
+    for (i64 i = 0; i < j; ++i) s += (P[packAt(i, j)] * P[packAt(i, j)]) * 2.0;
+    s += P[packAt(j, j)] * P[packAt(j, j)];
+  }
+  r = std::sqrt(s);
+}
+
+// P(i,j) := (A(j,i) + A(i,j)) * 0.5 for i <= j
+void packSymmetriseFromFull(const int& n, const double* A, double* P) {
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = 0; i <= j; ++i) P[packAt(i, j)] = (A[at(j, i, n)] + A[at(i, j, n)]) * 0.5;
+}
+
+// ---- spectral -------------------------------------------------------------
+
+// w ascending eigenvalues and Z orthonormal eigenvectors of symmetric A (upper
+// triangle read), by DSYEVR on a copy in work(0:n*n-1).
+void matEigenSym(const int& n, const double* A, int* iwork, double* work, double* w,
+                 double* Z, int& info) {
+  const i64 nn = i64{n} * n;
+  matCopy(n, n, A, work);
+  const double vl = 0.0, vu = 0.0, abstol = 0.0;
+  const int il = 1, iu = n, lwork = 26 * n, liwork = 10 * n;
+  int found = 0;
+  dsyevr_("V", "A", "U", &n, work, &n, &vl, &vu, &il, &iu, &abstol, &found, w, Z, &n,
+          iwork + i64{10} * n, work + nn, &lwork, iwork, &liwork, &info, 1, 1, 1);
+}
+
+// C := Z diag(d) Z', through W := Z diag(d)
+void matEigenRebuild(const int& n, const double* Z, const double* d, double* W,
+                     double* C) {
+  if (n < 1) return;
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = 0; i < n; ++i) W[at(i, j, n)] = Z[at(i, j, n)] * d[j];
+  dgemm_("N", "T", &n, &n, &n, &kUnit, W, &n, Z, &n, &kZero, C, &n, 1, 1);
+}
+
+namespace {
+
+// Raises every eigenvalue below the floor to it; a NaN stays, since the
+// comparison fails for it.
+void floorEigenvalues(const int& n, double* w, const double& floor) {
+  for (i64 i = 0; i < n; ++i)
+    if (floor > w[i]) w[i] = floor;
+}
+
+}  // namespace
+
+// Q := P with its eigenvalues raised to kEigenFloor (packed in and out).
+// Work: C (n*n), w (n), Z (n*n), scratch (n*n + 26n).
+void packEigenClip(const int& n, const double* P, int* iwork, double* work, double* Q,
+                   int& info) {
+  const i64 nn = i64{n} * n;
+  double* C = work;
+  double* w = C + nn;
+  double* Z = w + n;
+  double* scratch = Z + nn;
+  packToFull(n, P, C);
+  matEigenSym(n, C, iwork, scratch, w, Z, info);
+  if (info < 0) return;
+  floorEigenvalues(n, w, kEigenFloor);
+  matEigenRebuild(n, Z, w, scratch, C);
+  packSymmetriseFromFull(n, C, Q);
+}
+
+// B := A with its eigenvalues raised to floor (full in and out); same work
+// layout as packEigenClip, C being where the rebuilt matrix lands.
+void matEigenClip(const int& n, const double* A, const double& floor, int* iwork,
+                  double* work, double* B, int& info) {
+  const i64 nn = i64{n} * n;
+  double* C = work;
+  double* w = C + nn;
+  double* Z = w + n;
+  double* scratch = Z + nn;
+  matEigenSym(n, A, iwork, scratch, w, Z, info);
+  if (info < 0) return;
+  floorEigenvalues(n, w, floor);
+  matEigenRebuild(n, Z, w, scratch, C);
+  matSymmetrise(n, C, B);
+}
+
+// L := lower Cholesky factor of A by DPOTRF on tmp; L is written only when
+// DPOTRF succeeds.
+void matCholeskyLower(const int& n, const double* A, double* tmp, double* L, int& info) {
+  matCopy(n, n, A, tmp);
+  dpotrf_("L", &n, tmp, &n, &info, 1);
+  if (info == 0) matLowerPart(n, tmp, L);
+}
+
+// L := Cholesky factor of A after its eigenvalues are floored at kEigenFloor.
+// Work: B (n*n), then the rest for the clip and the factorisation.
+void matClippedCholesky(const int& n, const double* A, int* iwork, double* work,
+                        double* L, int& info) {
+  const i64 nn = i64{n} * n;
+  double* B = work;
+  double* rest = work + nn;
+  info = 0;
+  matEigenClip(n, A, kEigenFloor, iwork, rest, B, info);
+  if (info >= 0) matCholeskyLower(n, B, rest, L, info);
+}
+
+namespace {
+int selectNone(const double*, const double*) { return 0; }
+}  // namespace
+
+// wr := real parts of the eigenvalues of A and vs := its Schur vectors, by
+// DGEES on a copy.  Work: copy (n*n), DGEES work (5n), wi (n).
+void matSchurEigen(const int& n, const double* A, int* iwork, double* work, double* wr,
+                   double* vs, int& info) {
+  const i64 nn = i64{n} * n;
+  matCopy(n, n, A, work);
+  const int lwork = 5 * n;
+  int sdim = 0;
+  dgees_("V", "N", selectNone, &n, work, &n, &sdim, wr, work + nn + i64{5} * n, vs, &n,
+         work + nn, &lwork, iwork, &info, 1, 1);
+}
+
+// flag := 1 when the smallest real part of an eigenvalue of A is below the
+// threshold; a failing DGEES leaves its INFO in flag.
+// Work: Schur scratch (n*n + 6n), wr (n), vs (n*n).
+void matPositiveDefiniteCheck(const int& n, const double* A, int* iwork, double* work,
+                              int& flag) {
+  const i64 nn = i64{n} * n;
+  double* wr = work + nn + i64{6} * n;
+  double* vs = wr + n;
+  flag = 0;
+  matSchurEigen(n, A, iwork, work, wr, vs, flag);
+  double smallest = 0.0;
+  vecMin(n, wr, smallest);
+  if (kDefiniteThreshold > smallest) flag = 1;
+}
+
+}  // namespace lumbra::kernels

@@ -1,0 +1,93 @@
+// Dense matrix kernels: the small vocabulary of vector, matrix, packed and
+// spectral operations the engine is written in.  Sizes and scalars are
+// passed by reference, arrays by pointer; results go to the last arguments.
+// Matrices are column-major (see index.h); packed symmetric matrices hold
+// their upper triangle by columns.  Nothing here allocates: work arrays are
+// carved by the caller.
+#pragma once
+#include "kernels/index.h"
+
+namespace lumbra::kernels {
+
+// The eigenvalue floor used by packEigenClip and matClippedCholesky: the
+// single-precision value of 1e-30 widened to double.
+inline constexpr double kEigenFloor = 1.0000000031710769e-30;
+// Threshold of the positive-definiteness test: single-precision 1e-12.
+inline constexpr double kDefiniteThreshold = 9.999999960041972e-13;
+
+// ---- vectors --------------------------------------------------------------
+void vecCopy(const int& n, const double* x, double* y);
+void vecFill(const int& n, double* x, const double& c);
+void vecDot(const int& n, const double* x, const double* y, double& r);
+void vecMin(const int& n, const double* x, double& r);
+void vecMean(const int& n, const double* x, double& r);
+void vecCopyScale(const int& n, const double* x, const double& alpha, double* y);
+void vecAdd(const int& n, const double* a, const double* b, double* z);
+void vecSub(const int& n, const double* a, const double* b, double* z);
+void vecAddScaled(const int& n, const double* a, const double* b, const double& alpha,
+                  double* z);
+void vecOuter(const int& n, const double* x, double* A);
+
+// ---- full matrices --------------------------------------------------------
+void matCopy(const int& m, const int& n, const double* A, double* B);
+void matFill(const int& m, const int& n, double* A, const double& c);
+void matDiagonal(const int& n, double* A, const double& c);
+void matScale(const int& m, const int& n, double* A, const double& alpha);
+void matCopyScale(const int& m, const int& n, const double* A, const double& alpha,
+                  double* B);
+void matAdd(const int& m, const int& n, const double* A, const double* B, double* C);
+void matAddDiag(const int& n, const double* A, const double& c, double* B);
+void matTrace(const int& n, const double* A, double& r);
+void matMul(const int& n, const double* A, const double* B, double* C);
+void matGram(const int& m, const int& n, const double* X, double* C);
+void matTransMulVec(const int& n, const double* A, const double* x, double* y);
+void matLowerMulVec(const int& n, const double* L, const double* x, double* y);
+void matQuadForm(const int& n, const double* A, const double* x, double& r);
+void matColMeans(const int& m, const int& n, const double* A, double* means);
+void matLowerPart(const int& n, const double* A, double* B);
+void matSymmetrise(const int& n, const double* A, double* B);
+void matSetRow(const int& ld, const int& n, double* A, const double* x, const int& i,
+               int& status);
+void matScatter(const int& n, const double* X, const int& m, const int* idx, double* Y,
+                int& status);
+void matCopyBlock(const int& r, const int& c, const int& ldA, const int& colsA,
+                  const double* A, const int& iA, const int& jA, const int& ldB,
+                  const int& colsB, double* B, const int& iB, const int& jB,
+                  int& status);
+
+// ---- packed symmetric matrices --------------------------------------------
+void packFromFull(const int& n, const double* A, double* P);
+void packToFull(const int& n, const double* P, double* A);
+void packDiag(const int& n, const double* P, double* d);
+void packFromDiag(const int& n, const double* d, double* P);
+void packAdd(const int& n, const double* P, const double* Q, double* R);
+void packInner(const int& n, const double* P, const double* Q, double& r);
+void packFrobenius(const int& n, const double* P, double& r);
+void packSymmetriseFromFull(const int& n, const double* A, double* P);
+
+// ---- spectral -------------------------------------------------------------
+// Work: 12n integers, n*n + 26n doubles.
+void matEigenSym(const int& n, const double* A, int* iwork, double* work, double* w,
+                 double* Z, int& info);
+// Work: W is n*n doubles.
+void matEigenRebuild(const int& n, const double* Z, const double* d, double* W,
+                     double* C);
+// Work: 12n integers, 3n*n + 27n doubles.
+void packEigenClip(const int& n, const double* P, int* iwork, double* work, double* Q,
+                   int& info);
+// Work: 12n integers, 3n*n + 27n doubles.
+void matEigenClip(const int& n, const double* A, const double& floor, int* iwork,
+                  double* work, double* B, int& info);
+// tmp: n*n doubles.
+void matCholeskyLower(const int& n, const double* A, double* tmp, double* L, int& info);
+// Work: 12n integers, 4n*n + 27n doubles.
+void matClippedCholesky(const int& n, const double* A, int* iwork, double* work,
+                        double* L, int& info);
+// Work: n integers, n*n + 6n doubles.
+void matSchurEigen(const int& n, const double* A, int* iwork, double* work, double* wr,
+                   double* vs, int& info);
+// Work: n integers, 2n*n + 7n doubles.
+void matPositiveDefiniteCheck(const int& n, const double* A, int* iwork, double* work,
+                              int& flag);
+
+}  // namespace lumbra::kernels

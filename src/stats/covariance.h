@@ -1,0 +1,26 @@
+// Sample covariance and correlation of a column-major T by n table X.
+#pragma once
+
+namespace lumbra::stats {
+
+// Smallest variance, and product of standard deviations, that the
+// correlation divides by: the double nearest 1e-30.
+inline constexpr double kCorrelationFloor = 1e-30;
+// Engine status of a correlation with an asset of (near) zero variance.
+inline constexpr int kStatusDegenerateAsset = 5;
+
+// 1 / (T - 1) computed in single precision and widened: part of the
+// estimator's results.
+double covarianceScale(int T);
+
+void modelingCovSample(const int& T, const int& n, const double* X, double* means, double* C,
+                       double* Cov, int& status);
+void modelingCovCentered(const int& T, const int& n, const double* X, const double* means,
+                         double* C, double* Cov, int& status);
+void modelingCovFromCentered(const int& T, const int& n, const double* C, double* Cov,
+                             int& status);
+// Work: means (n), C (T*n), Cov (n*n), s (n).
+void modelingCorrSample(const int& T, const int& n, const double* X, double* work,
+                        double* Corr, int& status);
+
+}  // namespace lumbra::stats
