@@ -1,0 +1,42 @@
+"""ctypes binding of the shared library for the Python reference tests.
+
+Every export takes pointers; these helpers pass numpy arrays (row-major,
+float64) and plain Python numbers and return (code, status, outputs)."""
+import ctypes
+import os
+import sys
+
+import numpy as np
+
+LIB = ctypes.CDLL(os.environ.get("LUMBRA_LIBRARY", "liborx-lumbra-c-4.1.so"))
+
+
+def i32(v):
+    return ctypes.byref(ctypes.c_int(int(v)))
+
+
+def f64(v):
+    return ctypes.byref(ctypes.c_double(float(v)))
+
+
+def arr(a):
+    """Pointer to a C-contiguous float64 array (the array must stay alive)."""
+    assert a.dtype == np.float64 and a.flags["C_CONTIGUOUS"]
+    return a.ctypes.data_as(ctypes.POINTER(ctypes.c_double))
+
+
+def matrix(a):
+    return np.ascontiguousarray(np.asarray(a, dtype=np.float64))
+
+
+def call(name, *args):
+    """Calls export `name`; returns (return value, status)."""
+    status = ctypes.c_int(-12345)
+    code = getattr(LIB, name)(*args, ctypes.byref(status))
+    return code, status.value
+
+
+def report(failures, total):
+    """Closing line and exit code of a reference test script."""
+    print(f"{total - failures} passed, {failures} failed")
+    sys.exit(1 if failures else 0)

@@ -1,0 +1,27 @@
+#include "test_support.h"
+
+#include <cstdlib>
+
+#include "api/frame.h"
+
+namespace lumbra::testing {
+namespace {
+int remaining = 0;
+int asked = 0;
+void* failingAllocate(std::size_t bytes) {
+  ++asked;
+  if (remaining <= 0) return nullptr;
+  --remaining;
+  return std::malloc(bytes);
+}
+}  // namespace
+
+FailingAllocator::FailingAllocator(int successes) {
+  remaining = successes;
+  asked = 0;
+  api::setAllocatorForTesting(failingAllocate);
+}
+FailingAllocator::~FailingAllocator() { api::setAllocatorForTesting(nullptr); }
+int FailingAllocator::requests() { return asked; }
+
+}  // namespace lumbra::testing
