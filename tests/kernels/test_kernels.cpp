@@ -1,0 +1,292 @@
+// Dense kernels at their edges: the documented oddities of the small
+// kernels, packed storage, bounds statuses, and the spectral routines.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "kernels/kernels.h"
+#include "test_support.h"
+
+using namespace lumbra;
+using namespace lumbra::kernels;
+
+namespace {
+
+constexpr double kSentinel = -777.0;
+
+// Full symmetric n by n matrix from a packed one, element by element.
+std::vector<double> unpack(int n, const std::vector<double>& P) {
+  std::vector<double> A(static_cast<size_t>(n) * n);
+  for (int j = 0; j < n; ++j)
+    for (int i = 0; i <= j; ++i) A[at(i, j, n)] = A[at(j, i, n)] = P[packAt(i, j)];
+  return A;
+}
+
+}  // namespace
+
+TEST(VectorKernels, MinAndMeanAtTheirEdges) {
+  // vecMin reads x(0) whatever n says; vecMean of nothing is 0/0.
+  const double x[3] = {4.0, -2.5, 7.0};
+  double r = 0.0;
+  vecMin(0, x, r);
+  EXPECT_BITEQ(4.0, r);
+  vecMin(3, x, r);
+  EXPECT_BITEQ(-2.5, r);
+  vecMean(0, x, r);
+  EXPECT_TRUE(std::isnan(r));
+  vecMean(3, x, r);
+  EXPECT_BITEQ(8.5 / 3.0, r);
+}
+
+TEST(VectorKernels, SizesBelowOneLeaveResultsAlone) {
+  const double x[2] = {1.0, 2.0};
+  double y[2] = {kSentinel, kSentinel};
+  double r = kSentinel;
+  vecCopy(0, x, y);
+  vecDot(-1, x, x, r);
+  vecAdd(0, x, x, y);
+  EXPECT_BITEQ(kSentinel, y[0]);
+  EXPECT_BITEQ(kSentinel, r);
+}
+
+TEST(VectorKernels, ArithmeticOnDyadicData) {
+  // Every product and sum is exact, so any BLAS gives these bits.
+  const double a[3] = {0.5, -1.25, 2.0};
+  const double b[3] = {4.0, 0.75, -0.5};
+  double z[3];
+  double r = 0.0;
+  vecDot(3, a, b, r);
+  EXPECT_BITEQ(0.5 * 4.0 - 1.25 * 0.75 - 1.0, r);
+  vecSub(3, a, b, z);
+  EXPECT_BITEQ(-3.5, z[0]);
+  EXPECT_BITEQ(-2.0, z[1]);
+  vecAddScaled(3, a, b, 0.25, z);
+  EXPECT_BITEQ(1.5, z[0]);
+  double A[9];
+  vecOuter(3, a, A);
+  EXPECT_BITEQ(-0.625, A[at(0, 1, 3)]);
+  EXPECT_BITEQ(-0.625, A[at(1, 0, 3)]);
+  EXPECT_BITEQ(4.0, A[at(2, 2, 3)]);
+}
+
+TEST(MatrixKernels, QuadFormUsesTheWholeAsymmetricMatrix) {
+  // A = [1 2; 0 1]: x'Ax = x0^2 + 2 x0 x1 + x1^2, the upper coupling counted once.
+  const double A[4] = {1.0, 0.0, 2.0, 1.0};
+  const double x[2] = {3.0, -1.0};
+  double r = -1.0;
+  matQuadForm(2, A, x, r);
+  EXPECT_BITEQ(9.0 - 6.0 + 1.0, r);
+  matQuadForm(0, A, x, r);
+  EXPECT_BITEQ(0.0, r);
+}
+
+TEST(MatrixKernels, GramAndProductOnDyadicData) {
+  // X is 3 by 2; X'X computed by hand.
+  const double X[6] = {1.0, 0.5, -2.0, 0.25, 4.0, 1.0};
+  double C[4];
+  matGram(3, 2, X, C);
+  EXPECT_BITEQ(1.0 + 0.25 + 4.0, C[at(0, 0, 2)]);
+  EXPECT_BITEQ(0.25 + 2.0 - 2.0, C[at(0, 1, 2)]);
+  EXPECT_BITEQ(C[at(0, 1, 2)], C[at(1, 0, 2)]);
+  EXPECT_BITEQ(0.0625 + 16.0 + 1.0, C[at(1, 1, 2)]);
+  const double A[4] = {1.0, 2.0, 3.0, 4.0};  // [1 3; 2 4]
+  double P[4];
+  matMul(2, A, A, P);
+  EXPECT_BITEQ(7.0, P[at(0, 0, 2)]);
+  EXPECT_BITEQ(15.0, P[at(0, 1, 2)]);
+  EXPECT_BITEQ(10.0, P[at(1, 0, 2)]);
+  EXPECT_BITEQ(22.0, P[at(1, 1, 2)]);
+  double t = 0.0;
+  matTrace(2, P, t);
+  EXPECT_BITEQ(29.0, t);
+}
+
+TEST(MatrixKernels, SymmetriseInPlaceAndLowerPart) {
+  double A[4] = {1.0, 2.0, 4.0, 3.0};
+  matSymmetrise(2, A, A);
+  EXPECT_BITEQ(3.0, A[at(0, 1, 2)]);
+  EXPECT_BITEQ(3.0, A[at(1, 0, 2)]);
+  double L[4];
+  matLowerPart(2, A, L);
+  EXPECT_BITEQ(0.0, L[at(0, 1, 2)]);
+  EXPECT_BITEQ(3.0, L[at(1, 0, 2)]);
+}
+
+TEST(MatrixKernels, BoundsStatusesWriteNothingOrKeepWhatWasWritten) {
+  std::vector<double> A(6, kSentinel);
+  const double row[3] = {1.0, 2.0, 3.0};
+  int status = 99;
+  matSetRow(2, 3, A.data(), row, 0, status);
+  EXPECT_EQ(-2, status);
+  matSetRow(2, 3, A.data(), row, 3, status);
+  EXPECT_EQ(-2, status);
+  for (double v : A) EXPECT_BITEQ(kSentinel, v);
+  matSetRow(2, 3, A.data(), row, 2, status);
+  EXPECT_EQ(0, status);
+  EXPECT_BITEQ(3.0, A[at(1, 2, 2)]);
+
+  // Scatter of a 2 by 2 block into a 3 by 3 matrix; an index past m stops
+  // the copy where it meets it, and what was written stays.
+  const double X[4] = {1.0, 2.0, 3.0, 4.0};
+  std::vector<double> Y(9, kSentinel);
+  const int good[2] = {3, 1};
+  matScatter(2, X, 3, good, Y.data(), status);
+  EXPECT_EQ(0, status);
+  EXPECT_BITEQ(1.0, Y[at(2, 2, 3)]);
+  EXPECT_BITEQ(2.0, Y[at(0, 2, 3)]);
+  EXPECT_BITEQ(4.0, Y[at(0, 0, 3)]);
+  EXPECT_BITEQ(kSentinel, Y[at(1, 1, 3)]);
+  std::vector<double> Z(9, kSentinel);
+  const int bad[2] = {1, 4};
+  matScatter(2, X, 3, bad, Z.data(), status);
+  EXPECT_EQ(-2, status);
+  EXPECT_BITEQ(1.0, Z[at(0, 0, 3)]);
+  matScatter(3, X, 2, good, Z.data(), status);
+  EXPECT_EQ(-2, status);
+
+  std::vector<double> B(4, kSentinel);
+  matCopyBlock(2, 2, 3, 3, Y.data(), 2, 2, 2, 2, B.data(), 1, 1, status);
+  EXPECT_EQ(0, status);
+  EXPECT_BITEQ(Y[at(2, 2, 3)], B[at(1, 1, 2)]);
+  std::vector<double> untouched(4, kSentinel);
+  matCopyBlock(2, 2, 3, 3, Y.data(), 3, 1, 2, 2, untouched.data(), 1, 1, status);
+  EXPECT_EQ(-2, status);
+  for (double v : untouched) EXPECT_BITEQ(kSentinel, v);
+}
+
+TEST(PackedKernels, InnerProductAndNormCountOffDiagonalsTwice) {
+  const int n = 3;
+  const std::vector<double> P = {1.0, 0.5, 2.0, -1.0, 0.25, 3.0};
+  const std::vector<double> Q = {2.0, -0.5, 1.0, 0.75, 4.0, -2.0};
+  double r = 0.0;
+  packInner(n, P.data(), Q.data(), r);
+  const std::vector<double> A = unpack(n, P), B = unpack(n, Q);
+  double full = 0.0;
+  for (size_t k = 0; k < A.size(); ++k) full += A[k] * B[k];
+  EXPECT_BITEQ(full, r);  // dyadic data: every order of summation agrees
+
+  std::vector<double> single(6, 0.0);
+  single[packAt(0, 2)] = 1.0;
+  packFrobenius(n, single.data(), r);
+  EXPECT_BITEQ(std::sqrt(2.0), r);
+  packFrobenius(0, single.data(), r);
+  EXPECT_BITEQ(0.0, r);
+}
+
+TEST(PackedKernels, ConversionsAndDiagonal) {
+  const int n = 3;
+  const std::vector<double> A = {1.0, 9.0, 9.0, 2.0, 4.0, 9.0, 3.0, 5.0, 6.0};
+  std::vector<double> P(6), F(9), d(3);
+  packFromFull(n, A.data(), P.data());  // lower triangle of A ignored
+  EXPECT_EQ((std::vector<double>{1.0, 2.0, 4.0, 3.0, 5.0, 6.0}), P);
+  packToFull(n, P.data(), F.data());
+  EXPECT_BITEQ(2.0, F[at(1, 0, 3)]);
+  packDiag(n, P.data(), d.data());
+  EXPECT_EQ((std::vector<double>{1.0, 4.0, 6.0}), d);
+  std::vector<double> S(6);
+  packSymmetriseFromFull(n, A.data(), S.data());
+  EXPECT_BITEQ(5.5, S[packAt(0, 1)]);
+
+  // packFromDiag with n = 1 writes P(0,0) only.
+  std::vector<double> one(3, kSentinel);
+  packFromDiag(1, d.data(), one.data());
+  EXPECT_BITEQ(1.0, one[0]);
+  EXPECT_BITEQ(kSentinel, one[1]);
+}
+
+TEST(SpectralKernels, OneByOne) {
+  const int n = 1;
+  std::vector<int> iwork(12);
+  std::vector<double> work(3 * n * n + 27 * n);
+  const double a = -3.5;
+  double w = 0.0, z = 0.0;
+  int info = -9;
+  matEigenSym(n, &a, iwork.data(), work.data(), &w, &z, info);
+  EXPECT_EQ(0, info);
+  EXPECT_BITEQ(-3.5, w);
+  EXPECT_BITEQ(1.0, std::fabs(z));
+  // A negative 1 by 1 matrix is clipped to the floor exactly.
+  double q = 0.0;
+  packEigenClip(n, &a, iwork.data(), work.data(), &q, info);
+  EXPECT_EQ(0, info);
+  EXPECT_BITEQ(kEigenFloor, q);
+  EXPECT_BITEQ(1.0000000031710769e-30, kEigenFloor);
+}
+
+TEST(SpectralKernels, EigenClipRaisesOnlyTheSmallEigenvalues) {
+  // A = [2 1; 1 2] - 2.5 I has eigenvalues -1.5 and 0.5.  Clipping at 0
+  // removes the negative part: B = 0.5 v v' with v = (1,1)/sqrt(2).
+  const int n = 2;
+  const double A[4] = {-0.5, 1.0, 1.0, -0.5};
+  std::vector<int> iwork(12 * n);
+  std::vector<double> work(3 * n * n + 27 * n), B(4);
+  int info = -9;
+  matEigenClip(n, A, 0.0, iwork.data(), work.data(), B.data(), info);
+  EXPECT_EQ(0, info);
+  for (double v : B) EXPECT_NEAR(0.25, v, 1e-15);  // one rounding of LAPACK's order
+  EXPECT_BITEQ(B[at(0, 1, 2)], B[at(1, 0, 2)]);    // symmetric by construction
+}
+
+TEST(SpectralKernels, CholeskyLeavesTheFactorAloneWhenItFails) {
+  const int n = 2;
+  const double indefinite[4] = {1.0, 2.0, 2.0, 1.0};
+  std::vector<double> tmp(4), L(4, kSentinel);
+  int info = 0;
+  matCholeskyLower(n, indefinite, tmp.data(), L.data(), info);
+  EXPECT_GT(info, 0);
+  for (double v : L) EXPECT_BITEQ(kSentinel, v);
+  const double spd[4] = {4.0, 2.0, 2.0, 5.0};
+  matCholeskyLower(n, spd, tmp.data(), L.data(), info);
+  EXPECT_EQ(0, info);
+  EXPECT_BITEQ(2.0, L[at(0, 0, 2)]);
+  EXPECT_BITEQ(1.0, L[at(1, 0, 2)]);
+  EXPECT_BITEQ(2.0, L[at(1, 1, 2)]);
+  EXPECT_BITEQ(0.0, L[at(0, 1, 2)]);
+}
+
+TEST(SpectralKernels, ClippedCholeskyOfARankDeficientMatrix) {
+  // All-ones 3 by 3: rank one.  After the floor the matrix is numerically
+  // still singular; DPOTRF either factors it or reports a positive INFO,
+  // and then L stays unwritten.  Never a negative status.
+  const int n = 3;
+  const std::vector<double> A(9, 1.0);
+  std::vector<int> iwork(12 * n);
+  std::vector<double> work(4 * n * n + 27 * n), L(9, kSentinel);
+  int info = -9;
+  matClippedCholesky(n, A.data(), iwork.data(), work.data(), L.data(), info);
+  ASSERT_GE(info, 0);
+  if (info > 0) {
+    for (double v : L) EXPECT_BITEQ(kSentinel, v);
+  } else {
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; j < n; ++j) {
+        double s = 0.0;
+        for (int k = 0; k < n; ++k) s += L[at(i, k, n)] * L[at(j, k, n)];
+        EXPECT_NEAR(1.0, s, 1e-12);
+      }
+  }
+}
+
+TEST(SpectralKernels, PositiveDefinitenessThresholdOnRealSchurParts) {
+  const int n = 2;
+  std::vector<int> iwork(n);
+  std::vector<double> work(2 * n * n + 7 * n);
+  int flag = -1;
+  const double identity[4] = {1.0, 0.0, 0.0, 1.0};
+  matPositiveDefiniteCheck(n, identity, iwork.data(), work.data(), flag);
+  EXPECT_EQ(0, flag);
+  const double tiny[4] = {1e-13, 0.0, 0.0, 1.0};
+  matPositiveDefiniteCheck(n, tiny, iwork.data(), work.data(), flag);
+  EXPECT_EQ(1, flag);
+  // An asymmetric matrix passes on the real parts of its eigenvalues:
+  // [1 -4; 4 1] has eigenvalues 1 +- 4i.
+  const double rotation[4] = {1.0, 4.0, -4.0, 1.0};
+  matPositiveDefiniteCheck(n, rotation, iwork.data(), work.data(), flag);
+  EXPECT_EQ(0, flag);
+  // The threshold itself passes: the comparison is strict.
+  const double atThreshold[4] = {kDefiniteThreshold, 0.0, 0.0, 1.0};
+  matPositiveDefiniteCheck(n, atThreshold, iwork.data(), work.data(), flag);
+  EXPECT_EQ(0, flag);
+}
