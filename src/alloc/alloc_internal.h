@@ -1,0 +1,111 @@
+// Internal routines of the allocators: the solver-form builders, the
+// feasibility start, the verification of a point and the shared tail of
+// the mean-variance and tracking-error problems.  Same conventions as the
+// rest of the engine: column-major matrices, constraints one per column
+// (equalities first, inequalities as C_j' x <= d_j), scalars by reference,
+// status last.
+#pragma once
+#include "kernels/index.h"
+
+namespace lumbra::alloc {
+
+// ---- status values --------------------------------------------------------
+inline constexpr int kStatusInfeasible = -100;       // no feasible portfolio
+inline constexpr int kStatusInconsistent = -101;     // solver: constraints inconsistent
+inline constexpr int kStatusNotDefinite = -108;      // covariance failed its test
+inline constexpr int kStatusNoScale = -113;          // Sharpe scale variable vanished
+inline constexpr int kStatusViolated = 1111;         // feasible start: point violates a row
+inline constexpr int kStatusAuxiliaryBuild = -8888;  // auxiliary matrix could not be filled
+// Driver status for "no point meets the constraints".
+inline constexpr int kDriverNoFeasiblePoint = 1001;
+
+// ---- constants ------------------------------------------------------------
+// Feasibility tolerance of the checks: single-precision 1e-8.
+inline constexpr double kFeasibilityTol = 9.99999993922529e-9;
+// Its negation, the lower limit of an equality residual.
+inline constexpr double kFeasibilityTolLow = -9.99999993922529e-9;
+// Stand-in for an infinite bound: single-precision 1e15.
+inline constexpr double kHugeBound = 999999986991104.0;
+// Smallest usable scale of the homogeneous Sharpe problem: single-precision 1e-12.
+inline constexpr double kScaleFloor = 9.999999960041972e-13;
+// Margin by which the first Sharpe stage must beat the risk-free rate:
+// one hundred times single-precision 1e-12.
+inline constexpr double kSharpeMargin = 9.999999960041972e-11;
+
+// ---- mean-variance and tracking-error problems ------------------------------
+
+// The carving of the real work array shared by the mean-variance and
+// tracking allocators, for m caller constraints plus the return row.
+struct AllocLayout {
+  double* c;            // n: linear term
+  double* multipliers;  // n + m + 1
+  double* d;            // m + 1: right-hand sides
+  double* C;            // n (m + 1): constraints, leading dimension n
+  double* scratch;      // the rest
+};
+void allocCarve(const int& n, const int& m, double* work, AllocLayout& layout);
+
+// C(:,0:m-1) = cons, d(0:m-1) = rhs, C(:,m) = -mu, d(m) = -target, c = 0.
+void allocMVBuildProblem(const int& n, const double* mu, const double& target, const int& nEq,
+                         const int& nIneq, const double* cons, const double* rhs, int& me,
+                         int& mi, double* C, double* d, double* c);
+
+// As allocMVBuildProblem with c = -benchCov and d(m) = -(excess + benchReturn).
+void allocITBuildProblem(const int& n, const double& benchReturn, const double* mu,
+                         const double* benchCov, const double& excess, const int& nEq,
+                         const int& nIneq, const double* cons, const double* rhs, int& me,
+                         int& mi, double* C, double* d, double* c);
+
+// Checks the tracking result against the caller's constraints and bounds and
+// the required excess return; status 0 or -100.  Work: nEq + nIneq doubles.
+void allocITVerify(const int& n, const double* weights, const double* mu,
+                   const double& benchReturn, const int& nEq, const int& nIneq,
+                   const double* cons, const double* rhs, const double* lower,
+                   const double* upper, const double& excess, double* work, int& status);
+
+// The mean-variance allocator after its covariance test: carve, build,
+// feasibility start, solve, and 1001 turned into -101.
+void allocMVSolve(const int& n, double* cov, const double* mu, const int& nEq,
+                  const int& nIneq, const double* cons, const double* rhs,
+                  const double* lower, const double* upper, const double& target, int* iwork,
+                  double* work, double* weights, int& status);
+
+// Feasibility start (failure becomes -100), then the QP driver on H = cov.
+void solveAllocationQP(const int& n, double* cov, double* c, const int& me, const int& mi,
+                       double* C, double* d, const double* lower, const double* upper,
+                       int* iwork, double* scratch, double* multipliers, double* weights,
+                       int& status);
+
+// ---- Sharpe-ratio problem ---------------------------------------------------
+
+// The constraints of the homogeneous problem in z = (y, tau), N = n + 1 rows
+// per column: budget, unit excess return, the caller's inequalities, the
+// bounds as rows.  me = 2, mi = nIneq + 2n.
+void allocSharpeBuildProblem(const int& n, const double* mu, const double& riskFree,
+                             const int& nEq, const int& nIneq, const double* cons,
+                             const double* rhs, const double* lower, const double* upper,
+                             int& me, int& mi, double* C, double* d);
+
+// ---- feasibility ------------------------------------------------------------
+
+// The auxiliary linear problem of the feasibility start in N = n + 1
+// variables: H' = 0, c' = e_n, C' = [C; 0], bounds (lower, -1) and
+// (upper, 1e15).  status -2 when C does not fit.
+void buildAuxiliaryProblem(const int& n, const double* lower, const double* upper,
+                           const int& me, const int& mi, const double* C, const int& N,
+                           double* lowerAux, double* upperAux, double* CAux, double* HAux,
+                           double* cAux, int& status);
+
+// Finds a point meeting all constraints and bounds, or reports that none
+// was found (status non-zero).  x receives the point in either case.
+void feasibleStart(const int& n, const double* lower, const double* upper, const int& me,
+                   const int& mi, const double* C, double* d, int* iwork, double* work,
+                   double* x, int& status);
+
+// status 0 when x meets every constraint and bound within the tolerance,
+// -100 at the first that it misses.  Work: me + mi doubles.
+void verifySolution(const int& n, const double* x, const int& me, const int& mi,
+                    const double* C, const double* d, const double* lower,
+                    const double* upper, double* work, int& status);
+
+}  // namespace lumbra::alloc
