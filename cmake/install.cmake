@@ -20,6 +20,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orx-lumbra-config.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/orx-lumbra-config-version.cmake
   DESTINATION ${LUMBRA_CMAKE_DIR})
 
+# The pkg-config file finds the prefix relative to itself, so an installed
+# tree can be moved.
+file(RELATIVE_PATH LUMBRA_PC_TO_PREFIX
+  /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/orx-lumbra.pc.in ${CMAKE_CURRENT_BINARY_DIR}/orx-lumbra.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orx-lumbra.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
