@@ -22,6 +22,9 @@ void dtrmv_(const char* uplo, const char* trans, const char* diag, const int* n,
             std::size_t, std::size_t);
 void dger_(const int* m, const int* n, const double* alpha, const double* x,
            const int* incx, const double* y, const int* incy, double* a, const int* lda);
+void dsyrk_(const char* uplo, const char* trans, const int* n, const int* k,
+            const double* alpha, const double* a, const int* lda, const double* beta,
+            double* c, const int* ldc, std::size_t, std::size_t);
 void dgemm_(const char* ta, const char* tb, const int* m, const int* n, const int* k,
             const double* alpha, const double* a, const int* lda, const double* b,
             const int* ldb, const double* beta, double* c, const int* ldc, std::size_t,

@@ -167,10 +167,15 @@ void matMul(const int& n, const double* A, const double* B, double* C) {
   dgemm_("N", "N", &n, &n, &n, &kUnit, A, &n, B, &n, &kZero, C, &n, 1, 1);
 }
 
-// C := X' X, X m by n with leading dimension m
+// C := X' X, X m by n with leading dimension m.  The upper triangle comes
+// from DSYRK and is mirrored: the same inner products as the general
+// product X' X (each C(i,j) a sum over the m rows, in row order in the
+// reference BLAS), at half the work, and C exactly symmetric.
 void matGram(const int& m, const int& n, const double* X, double* C) {
   if (m < 1 || n < 1) return;
-  dgemm_("T", "N", &n, &n, &m, &kUnit, X, &m, X, &m, &kZero, C, &n, 1, 1);
+  dsyrk_("U", "T", &n, &m, &kUnit, X, &m, &kZero, C, &n, 1, 1);
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = j + 1; i < n; ++i) C[at(i, j, n)] = C[at(j, i, n)];
 }
 
 // y := A' x
