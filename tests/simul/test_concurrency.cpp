@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <thread>
@@ -25,14 +26,17 @@ TEST(SimulConcurrency, LockedUniformsLoseNoDraw) {
   // Without reseeding, threads drawing from the locked state share out one
   // sequence: together they must have drawn exactly its first values, each
   // once.  An update made outside the lock would repeat or skip values.
-  constexpr int kDraws = 5000;
+  constexpr int kDraws = 50000;
   const std::int32_t zero[2] = {0, 0};
   simulSeedPut(zero);
   std::vector<std::vector<double>> drawn(kThreads);
+  std::atomic<int> ready{0};  // all threads start drawing together
   std::vector<std::thread> pool;
   for (int k = 0; k < kThreads; ++k)
-    pool.emplace_back([&drawn, k] {
+    pool.emplace_back([&drawn, &ready, k] {
       drawn[k].reserve(kDraws);
+      ready.fetch_add(1);
+      while (ready.load() < kThreads) std::this_thread::yield();
       for (int i = 0; i < kDraws; ++i) drawn[k].push_back(simulUniform());
     });
   for (std::thread& t : pool) t.join();
