@@ -67,7 +67,9 @@ void ANFM04(double* Q, const int& ldq, double* R, const int& ldr, const double* 
 
 // Updates T (passed from its old column 2) to the factor of the m columns
 // left after ANFM04's rotations cs; t11 is the old T(1,1).  r is the count
-// of good leading rows when st does not give it.  w: at least 2m + 3.
+// of good leading rows when st does not give it.  w: at least 2m + 3, and
+// at least n when st < 0 or st > m + 1 (a fresh factorisation of the tail
+// forms H z in it).
 void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
             const int& ldz, const double* cs, double* w, int* ipvt, const double& t11,
             const int& m, const int& r, const int& n, int& st, const int& flag,

@@ -1,0 +1,261 @@
+// Search direction of the active-set QP solver in the null space of the
+// working set, and the small triangular solves it shares with the rest of
+// the solver.
+#include <cmath>
+
+#include "kernels/blas.h"
+#include "kernels/index.h"
+#include "qp/factors.h"
+
+namespace lumbra::qp {
+
+namespace {
+
+double dot(i64 n, const double* x, i64 incx, const double* y, i64 incy) {
+  if (n <= 0) return 0.0;
+  const int nn = static_cast<int>(n), ix = static_cast<int>(incx), iy = static_cast<int>(incy);
+  return ddot_(&nn, x, &ix, y, &iy);
+}
+
+double nrm2(i64 n, const double* x) {
+  if (n <= 0) return 0.0;
+  const int nn = static_cast<int>(n), one = 1;
+  return dnrm2_(&nn, x, &one);
+}
+
+// Scatters the reduced vector out of pivot order: y(ipvt(i)-1) = p(i).
+void scatter(i64 m, const double* p, const int* ipvt, double* y) {
+  for (i64 i = 0; i < m; ++i) y[ipvt[i] - 1] = p[i];
+}
+
+}  // namespace
+
+// Triangular solve with the leading m by m upper triangle of R:
+// job 1, R'x = b: x(j) = (b(j) - R(0:j-1,j)' x(0:j-1)) / R(j,j);
+// otherwise R x = b: x(i) = (b(i) - R(i,i+1:m-1) x(i+1:m-1)) / R(i,i).
+void qpTriSolve(const double* R, const int& ldr, const int& m, const double* b, double* x,
+                const int& job) {
+  if (m <= 0) return;
+  if (job == 1) {
+    for (i64 j = 0; j < m; ++j)
+      x[j] = (b[j] - dot(j, &R[at(0, j, ldr)], 1, x, 1)) / R[at(j, j, ldr)];
+  } else {
+    for (i64 i = m - 1; i >= 0; --i)
+      x[i] = (b[i] - dot(m - 1 - i, &R[at(i, i + 1, ldr)], ldr, &x[i + 1], 1)) / R[at(i, i, ldr)];
+  }
+}
+
+// y := P (T'T)^-1 P' y on m positions: gather in pivot order, solve T'u = w
+// and T v = u in place, scatter back.
+void qpNormalSolve(const double* T, const int& ldt, double* y, double* w, const int* ipvt,
+                   const int& m) {
+  for (i64 i = 0; i < m; ++i) w[i] = y[ipvt[i] - 1];
+  const int forward = 1, backward = 2;
+  qpTriSolve(T, ldt, m, w, w, forward);
+  qpTriSolve(T, ldt, m, w, w, backward);
+  scatter(m, w, ipvt, y);
+}
+
+// Direction p = Z y from the reduced vector y built by the curvature status
+// st: Newton step on a complete factor, a line step along a newly freed
+// column, a null-curvature direction in a singular tail, or a direction of
+// negative curvature; then its sign is chosen to go downhill (or to keep a
+// just deleted constraint on its feasible side).
+void qpDirection(const double* Z, const int& ldq, const double* T, const int& ldt,
+                 const double* g, const double* a, double* y, double* p, const int* ipvt,
+                 const double& scale, const int& nz, const int& n, const int& st, int& mode,
+                 int& drop, double& alpha) {
+  const double t = std::pow(kPrecision, 0.75);
+  const int dropIn = drop;
+  const int job2 = 2;
+  drop = 0;
+  double c = 0.0;
+  bool normalSolveTail = false;  // stage 2 case with y already final
+
+  // Stage 1: reduced gradient y(j) = -z_j' g, z_j = Z(:, nz-1-j).
+  if (st >= 0) {
+    alpha = 1.0;
+    if (mode == 0) {
+      for (i64 j = 0; j < nz; ++j) y[j] = -dot(n, &Z[at(0, nz - 1 - j, ldq)], 1, g, 1);
+    } else if (mode == 1) {
+      c = -dot(n, &Z[at(0, 0, ldq)], 1, g, 1);
+    } else if (mode == 10) {
+      mode = 0;
+      for (i64 j = 0; j < nz; ++j) y[j] = -y[j];
+    }
+  }
+
+  // Stage 2: direction in reduced coordinates.
+  if (st == 0) {
+    drop = 1;
+    if (mode == 0) {
+      qpNormalSolve(T, ldt, y, p, ipvt, nz);  // y = -(Z'HZ)^-1 Z'g
+    } else {
+      // T p = -e_(nz-1): exact minimiser along the newly freed direction
+      for (i64 i = 0; i < nz; ++i) p[i] = 0.0;
+      p[nz - 1] = -1.0;
+      qpTriSolve(T, ldt, nz, p, p, job2);
+      double e = c * p[nz - 1];
+      if (e > 0.0) {
+        scatter(nz, p, ipvt, y);
+      } else {
+        for (i64 i = 0; i < nz; ++i) y[ipvt[i] - 1] = -p[i];
+        e = -e;
+      }
+      alpha = e / scale;
+    }
+  } else if (st < -1 && st >= -nz) {
+    // negative pivot at position r-1: p(0:r-2) solves T(0:r-2,0:r-2) p = -T(0:r-2,r-1)
+    const i64 r = -st;
+    for (i64 i = 0; i + 1 < r; ++i) p[i] = -T[at(i, r - 1, ldt)];
+    const int rm1 = static_cast<int>(r - 1);
+    qpTriSolve(T, ldt, rm1, p, p, job2);
+    for (i64 i = 0; i < nz; ++i) y[i] = 0.0;
+    scatter(r - 1, p, ipvt, y);
+    y[ipvt[r - 1] - 1] = 1.0;
+  } else if (st >= 1 && st < nz) {
+    // singular tail after r factored positions
+    const i64 r = nz - st;
+    const int ri = static_cast<int>(r);
+    double* v = y;         // first half: solves with the factored triangle
+    double* yg = &y[nz];   // second half: reduced gradient in pivot order
+    if (mode == 0)
+      for (i64 i = 0; i < nz; ++i) yg[i] = y[ipvt[i] - 1];
+    for (i64 i = 0; i < r; ++i) p[i] = 0.0;
+    i64 qNew = 0;  // position of the newest reduced index, for mode 1
+    if (mode != 0)
+      for (i64 i = 0; i < nz; ++i)
+        if (ipvt[i] == nz) qNew = i;
+    bool found = false;
+    for (i64 j = 0; j < st; ++j) {
+      const i64 cp = r + j;
+      qpTriSolve(T, ldt, ri, &T[at(0, cp, ldt)], v, job2);
+      double d;
+      if (mode != 0) {
+        if (qNew == cp)
+          d = -c;
+        else if (qNew >= r)
+          d = 0.0;
+        else
+          d = c * v[qNew];
+      } else {
+        d = dot(r, v, 1, yg, 1) - yg[cp];
+      }
+      if (std::fabs(d) > t) {
+        for (i64 i = 0; i < r; ++i) p[i] += d * v[i];
+        found = true;
+        p[cp] = -d;
+      }
+    }
+    if (!found) {
+      drop = 1;
+      if (mode != 0) {
+        for (i64 i = 0; i < r; ++i) p[i] = 0.0;
+        p[r - 1] = -1.0;
+        qpTriSolve(T, ldt, ri, p, p, job2);
+        for (i64 i = r; i < nz; ++i) p[i] = 0.0;
+      } else {
+        for (i64 i = 0; i < nz; ++i) y[ipvt[i] - 1] = yg[i];
+        if (scale != 1.0)
+          for (i64 i = 0; i < nz; ++i) y[i] = y[i] / scale;
+        qpNormalSolve(T, ldt, y, p, ipvt, ri);
+        for (i64 i = r; i < nz; ++i) y[ipvt[i] - 1] = 0.0;
+        normalSolveTail = true;
+      }
+    }
+    if (!normalSolveTail) scatter(nz, p, ipvt, y);
+  } else if (st > nz && st <= 2 * nz) {
+    // zero-curvature last position coupled to the tail
+    const i64 r = 2 * nz - st;
+    for (i64 i = 0; i < r; ++i)
+      p[i] = dot(nz - r - 1, &T[at(i, r, ldt)], ldt, &T[at(r, nz - 1, ldt)], 1) -
+             T[at(i, nz - 1, ldt)];
+    const int ri = static_cast<int>(r);
+    qpTriSolve(T, ldt, ri, p, p, job2);
+    for (i64 i = r; i + 1 < nz; ++i) p[i] = -T[at(i, nz - 1, ldt)];
+    p[nz - 1] = 1.0;
+    if (c < 0.0)
+      for (i64 i = 0; i < nz; ++i) p[i] = -p[i];
+    scatter(nz, p, ipvt, y);
+  } else if (st > 2 * nz) {
+    // position r-1 carries a row of couplings over a zero pivot
+    const i64 r = 3 * nz - st;
+    for (i64 i = 0; i + 1 < r; ++i)
+      p[i] = -dot(nz - r, &T[at(i, r, ldt)], ldt, &T[at(r - 1, r, ldt)], ldt);
+    double b = 0.0;
+    if (nz - r > 0) {
+      const int len = static_cast<int>(nz - r), inc = ldt;
+      b = dnrm2_(&len, &T[at(r - 1, r, ldt)], &inc);
+    }
+    p[r - 1] = -b * b;
+    const int ri = static_cast<int>(r);
+    qpTriSolve(T, ldt, ri, p, p, job2);
+    for (i64 i = r; i < nz; ++i) p[i] = -T[at(r - 1, i, ldt)];
+    if (c * p[r - 1] < 0.0)
+      for (i64 i = 0; i < nz; ++i) p[i] = -p[i];
+    scatter(nz, p, ipvt, y);
+  } else if (st < -nz) {
+    // indefinite pair at positions r-1, r with coupling a
+    const i64 r = -(nz + st);
+    const double ar = T[at(r - 1, r, ldt)];
+    for (i64 i = 0; i + 1 < r; ++i) p[i] = ar * T[at(i, r - 1, ldt)] - T[at(i, r, ldt)];
+    const int rm1 = static_cast<int>(r - 1);
+    qpTriSolve(T, ldt, rm1, p, p, job2);
+    p[r - 1] = -ar;
+    for (i64 i = 0; i < nz; ++i) y[i] = 0.0;
+    scatter(r, p, ipvt, y);
+    y[ipvt[r] - 1] = 1.0;
+  }
+  // st = -1: the column of the first pivot; st = nz: y as stage 1 left it.
+
+  // Stage 3: p = sum_j y(j) Z(:, nz-1-j).
+  if (st == -1) {
+    const double* zc = &Z[at(0, nz - ipvt[0], ldq)];
+    for (i64 i = 0; i < n; ++i) p[i] = zc[i];
+  } else if (st == nz && mode == 1) {
+    if (std::fabs(c) <= t) {
+      drop = 1;
+      for (i64 i = 0; i < n; ++i) p[i] = 0.0;
+    } else {
+      for (i64 i = 0; i < n; ++i) p[i] = c * Z[at(i, 0, ldq)];
+    }
+  } else if (st == nz && nrm2(nz, y) <= t) {
+    drop = 1;
+    for (i64 i = 0; i < n; ++i) p[i] = 0.0;
+  } else if (nz > 0) {
+    // Z times y read backwards, through the second half of y
+    const int nzi = nz, one = 1, back = -1;
+    dcopy_(&nzi, y, &one, &y[nz], &back);
+    const char trans = 'N';
+    const double oneD = 1.0, zero = 0.0;
+    dgemv_(&trans, &n, &nzi, &oneD, Z, &ldq, &y[nz], &one, &zero, p, &one, 1);
+  } else {
+    for (i64 i = 0; i < n; ++i) p[i] = 0.0;
+  }
+
+  // Stage 4: sign.
+  if (st >= 0 && !(drop == 1 && mode == 1 && st >= 1)) return;
+  if (st < 0 && drop != 1) {
+    double v;
+    bool flip;
+    if (dropIn == 0) {
+      v = dot(n, p, 1, g, 1);
+      flip = v > 0.0;
+    } else {
+      const int ad = dropIn < 0 ? -dropIn : dropIn;
+      v = ad <= n ? p[ad - 1] : dot(n, p, 1, a, 1);
+      flip = dropIn > 0 ? v > 0.0 : v < 0.0;
+    }
+    if (flip)
+      for (i64 i = 0; i < n; ++i) p[i] = -p[i];
+    return;
+  }
+  double e = dot(n, p, 1, g, 1);
+  if (e > 0.0)
+    for (i64 i = 0; i < n; ++i) p[i] = -p[i];
+  else
+    e = -e;
+  alpha = e / scale;
+}
+
+}  // namespace lumbra::qp

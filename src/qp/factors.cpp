@@ -1,0 +1,593 @@
+// Orthogonal factor of the active normals and Cholesky-type factor of the
+// reduced Hessian: construction, addition of a constraint (ANFM01, ANFM03,
+// ANFM04, ANFM05), deletion (ANFM02, ANFM06).
+//
+// Memory is reached 0-based through at(); integer arguments keep their
+// 1-based meaning (counts, positions, reduced indices in ipvt).
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "kernels/blas.h"
+#include "kernels/index.h"
+#include "qp/factors.h"
+
+namespace lumbra::qp {
+
+namespace {
+
+// Dot product of n entries with strides, through BLAS.
+double dot(i64 n, const double* x, i64 incx, const double* y, i64 incy) {
+  if (n <= 0) return 0.0;
+  const int nn = static_cast<int>(n), ix = static_cast<int>(incx), iy = static_cast<int>(incy);
+  return ddot_(&nn, x, &ix, y, &iy);
+}
+
+// 2-norm of n entries with stride inc, through BLAS.
+double nrm2(i64 n, const double* x, i64 inc) {
+  if (n <= 0) return 0.0;
+  const int nn = static_cast<int>(n), ix = static_cast<int>(inc);
+  return dnrm2_(&nn, x, &ix);
+}
+
+// u = H z from the lower triangle of H:
+// u(i) = H(i,0:i) z(0:i) + H(i+1:n-1,i)' z(i+1:n-1).
+void symLowerMulVec(const double* H, i64 ldh, i64 n, const double* z, double* u) {
+  for (i64 i = 0; i < n; ++i)
+    u[i] = dot(i + 1, &H[at(i, 0, ldh)], ldh, z, 1) +
+           dot(n - i - 1, &H[at(i + 1, i, ldh)], 1, &z[i + 1], 1);
+}
+
+// Exchanges columns a and b (0-based) of T in rows 0..rows-1.
+void swapColumns(double* T, i64 ldt, i64 rows, i64 a, i64 b) {
+  for (i64 i = 0; i < rows; ++i) std::swap(T[at(i, a, ldt)], T[at(i, b, ldt)]);
+}
+
+// The coefficients of column k-1 (0-based) of R and of the part w that is
+// still to be reduced: R(0:k-2,k-1) = Q(:,0:k-2)' a and w = Q(:,k-1:n-1)' a,
+// with a = +-e_id when id is non-zero.  Returns the 2-norm of w.
+double projectNormal(const double* Q, i64 ldq, double* R, i64 ldr, const double* a, double* w,
+                     i64 n, i64 k, int id) {
+  const bool negate = id < 0;
+  const i64 row = negate ? -id : id;
+  for (i64 j = 0; j < n; ++j) {
+    const double v = row > 0 ? Q[at(row - 1, j, ldq)] : dot(n, &Q[at(0, j, ldq)], 1, a, 1);
+    if (j < k - 1)
+      R[at(j, k - 1, ldr)] = negate ? -v : v;
+    else
+      w[j - (k - 1)] = negate ? -v : v;
+  }
+  return nrm2(n - k + 1, w, 1);
+}
+
+// Q(:,c0:c0+len-1) -= (Q(:,c0:c0+len-1) w) w', rows in blocks of eight so
+// that each column segment is read contiguously.
+void applyReflector(double* Q, i64 ldq, i64 n, i64 c0, i64 len, const double* w) {
+  constexpr i64 kBlock = 8;
+  for (i64 i0 = 0; i0 < n; i0 += kBlock) {
+    const i64 nb = std::min(kBlock, n - i0);
+    double t[kBlock] = {0, 0, 0, 0, 0, 0, 0, 0};
+    for (i64 j = 0; j < len; ++j) {
+      const double* q = &Q[at(i0, c0 + j, ldq)];
+      for (i64 b = 0; b < nb; ++b) t[b] += q[b] * w[j];
+    }
+    for (i64 j = 0; j < len; ++j) {
+      double* q = &Q[at(i0, c0 + j, ldq)];
+      for (i64 b = 0; b < nb; ++b) q[b] -= t[b] * w[j];
+    }
+  }
+}
+
+}  // namespace
+
+// Writes the trap message of a routine called with impossible arguments and
+// stops the process: these are bugs of the caller, not data conditions.
+void qpArgumentTrap(const char* routine) {
+  std::fprintf(stderr, "INCORRECT LIST OF CALLING IN %s.\n", routine);
+  std::fflush(stderr);
+  std::abort();
+}
+
+// z_a' H z_b = sum_i z_a(i) (H(i,0:i) z_b(0:i) + H(i+1:n-1,i)' z_b(i+1:n-1)).
+double qpCurvature(const double* H, const int& ldh, const double* Z, const int& ldz,
+                   const int& n, const int& a, const int& b) {
+  const double* za = &Z[at(0, a - 1, ldz)];
+  const double* zb = &Z[at(0, b - 1, ldz)];
+  double sum = 0.0;
+  for (i64 i = 0; i < n; ++i)
+    sum += za[i] * (dot(i + 1, &H[at(i, 0, ldh)], ldh, zb, 1) +
+                    dot(n - i - 1, &H[at(i + 1, i, ldh)], 1, &zb[i + 1], 1));
+  return sum;
+}
+
+// Adds the normal (a, or +-e_id) as column k of R with one Householder
+// reflection of Q(:,k-1:n-1); id out 0, or -1 when the normal lies in the
+// span of the first k-1 columns.
+void ANFM01(double* Q, const int& ldq, double* R, const int& ldr, const double* a, double* w,
+            const int& n, const int& k, int& id, const int& channel) {
+  (void)channel;
+  if (!(k >= 1 && k <= n && n >= 2 && n <= ldq && n <= ldr && id >= -n && id <= n))
+    qpArgumentTrap("ANFM01");
+  const i64 len = n - k + 1;  // entries of w, for columns k-1..n-1
+  const double nrm = projectNormal(Q, ldq, R, ldr, a, w, n, k, id);
+  if (kPrecision09 > nrm) {
+    id = -1;
+    return;
+  }
+  id = 0;
+  if (k == n) {
+    R[at(n - 1, n - 1, ldr)] = w[0];
+    return;
+  }
+  // w := (w + sigma e_0) / sqrt(w(0) sigma), so that I - w w' maps w to -sigma e_0.
+  const double sigma = w[0] < 0.0 ? -nrm : nrm;
+  w[0] += sigma;
+  const double scale = 1.0 / std::sqrt(w[0] * sigma);
+  for (i64 j = 0; j < len; ++j) w[j] *= scale;
+  applyReflector(Q, ldq, n, k - 1, len, w);
+  R[at(k - 1, k - 1, ldr)] = -sigma;
+}
+
+// Adds the normal as column k of R while T exists: the part of the normal
+// in the null space, held at w(2nz'..3nz'), is swept into column k-1 by
+// plane rotations that meet the columns of Z in T's pivot order.  Cosines
+// go to w(0:nz'-1), sines to w(nz':2nz'-1).
+void ANFM04(double* Q, const int& ldq, double* R, const int& ldr, const double* a, double* w,
+            const int* ipvt, const int& n, const int& k, int& id, const int& channel) {
+  (void)channel;
+  if (!(k >= 1 && n >= 2 && k <= n && n <= ldq && n <= ldr && id >= -n && id <= n))
+    qpArgumentTrap("ANFM04");
+  const i64 nzp = n - k;
+  double* v = &w[2 * nzp];  // v[c - (k-1)] belongs to column c of Q
+  const double nrm = projectNormal(Q, ldq, R, ldr, a, v, n, k, id);
+  if (kPrecision09 > nrm) {
+    id = -1;
+    return;
+  }
+  id = 0;
+  if (k == n) {
+    R[at(n - 1, n - 1, ldr)] = v[0];
+    return;
+  }
+  const i64 off = k - 1;
+  i64 lo = n - ipvt[0];  // 0-based Q column of reduced index ipvt(0)
+  double rho = 0.0;
+  for (i64 j = 0; j < nzp; ++j) {
+    const i64 hi = n - ipvt[j + 1];
+    const i64 l = std::min(lo, hi), h = std::max(lo, hi);
+    const double x = v[l - off], y = v[h - off];
+    rho = std::sqrt(x * x + y * y);
+    double c = 1.0, s = 0.0;
+    double* ql = &Q[at(0, l, ldq)];
+    double* qh = &Q[at(0, h, ldq)];
+    if (rho >= kPrecision075) {
+      c = x / rho;
+      s = y / rho;
+      v[l - off] = rho;
+      v[h - off] = 0.0;
+      // (q_l, q_h) := (c q_l + s q_h, s q_l - c q_h)
+      for (i64 i = 0; i < n; ++i) {
+        const double a0 = ql[i], b0 = qh[i];
+        ql[i] = c * a0 + s * b0;
+        qh[i] = s * a0 - c * b0;
+      }
+    } else {
+      for (i64 i = 0; i < n; ++i) qh[i] = -qh[i];
+    }
+    w[j] = c;
+    w[nzp + j] = s;
+    lo = l;
+  }
+  R[at(k - 1, k - 1, ldr)] = rho;
+}
+
+// Removes column p of R (1-based) by order-two Householder reflections that
+// restore the triangle behind it, applied to Q as well; then shifts the
+// columns p+1..k of R one place left.
+void ANFM02(double* Q, const int& ldq, double* R, const int& ldr, const int& n, const int& k,
+            const int& p, const int& channel) {
+  (void)channel;
+  if (!(k >= p && k >= 2 && p >= 1 && n <= ldq && n <= ldr)) qpArgumentTrap("ANFM02");
+  if (p == k) return;
+  for (i64 j = p; j < k; ++j) {  // 0-based column j, pair of rows (j-1, j)
+    const double x0 = R[at(j - 1, j, ldr)], y0 = R[at(j, j, ldr)];
+    if (y0 == 0.0) continue;
+    double sigma = nrm2(2, &R[at(j - 1, j, ldr)], 1);
+    if (sigma <= kPrecision) continue;
+    if (x0 != 0.0) sigma = std::copysign(sigma, x0);
+    const double x = x0 / sigma, y = y0 / sigma;
+    const double u1 = 1.0 + x, u2 = y, v = u2 / u1;
+    R[at(j - 1, j, ldr)] = u1;
+    double* qa = &Q[at(0, j - 1, ldq)];
+    double* qb = &Q[at(0, j, ldq)];
+    for (i64 i = 0; i < n; ++i) {
+      const double t = -qa[i] - qb[i] * v;
+      qa[i] += u1 * t;
+      qb[i] += u2 * t;
+    }
+    for (i64 c = j + 1; c < k; ++c) {
+      double& ra = R[at(j - 1, c, ldr)];
+      double& rb = R[at(j, c, ldr)];
+      const double t = -ra - rb * v;
+      ra += u1 * t;
+      rb += u2 * t;
+    }
+    R[at(j - 1, j, ldr)] = -sigma;
+  }
+  // column c-1 of R takes R(0:c-1, c), c = p..k-1 (0-based)
+  for (i64 c = p; c < k; ++c)
+    for (i64 i = 0; i < c; ++i) R[at(i, c - 1, ldr)] = R[at(i, c, ldr)];
+}
+
+namespace {
+
+// Diagonal position (0-based row kf + j) of column j of the block handed to
+// the reduced Hessian factorisation.
+inline double& diagOf(double* T, i64 ldt, i64 kf, i64 j) { return T[at(kf + j, j, ldt)]; }
+
+// T(c,c) -= |T(0:rows-1,c)|^2 for the later columns c = from..L-1 (only
+// used before any finished rows exist, so the diagonal is at (c, c)).
+void updateLaterDiagonals(double* T, i64 ldt, i64 rows, i64 from, i64 L) {
+  for (i64 c = from; c < L; ++c)
+    T[at(c, c, ldt)] -= dot(rows, &T[at(0, c, ldt)], 1, &T[at(0, c, ldt)], 1);
+}
+
+}  // namespace
+
+// Cholesky-type factor with diagonal pivoting of the reduced Hessian of the
+// m columns of Z (columns L..m-1 already reduced by kf finished rows),
+// reporting definite (0), a singular tail (count), a negative pivot or an
+// indefinite pair (negative), or a refusal (n) when flag is 0.
+void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
+            const int& ldz, double* w, int* ipvt, const int& n, const int& m, int& kf,
+            const int& flag, const int& channel) {
+  (void)channel;
+  if (!(ldh >= n && m <= ldt && ldz >= n && m - kf >= 1 && kf >= 0)) qpArgumentTrap("ANFM03");
+  const i64 K = kf;
+  const i64 L = m - K;
+  const double tenP = 10.0 * kPrecision;
+  // Z column (0-based) for position j of this block
+  auto zcol = [&](i64 j) -> const double* { return &Z[at(0, m - ipvt[j], ldz)]; };
+
+  int sw = 0;
+  if (K == 0) {
+    for (i64 i = 0; i < L; ++i) ipvt[i] = static_cast<int>(i + 1);
+  } else {
+    sw = 1;
+  }
+  double gamma = 1.0;
+  for (i64 j = 0; j < L; ++j) {
+    const int c = m + 1 - ipvt[j];
+    double diag = qpCurvature(H, ldh, Z, ldz, n, c, c);
+    diag -= dot(K, &T[at(0, j, ldt)], 1, &T[at(0, j, ldt)], 1);
+    if (flag == 0 && diag < -tenP) {
+      kf = n;
+      return;
+    }
+    diagOf(T, ldt, K, j) = diag;
+    gamma = std::max(gamma, std::fabs(diag));
+  }
+  if (L == 1) {
+    const double e = diagOf(T, ldt, K, 0);
+    if (e > tenP) {
+      diagOf(T, ldt, K, 0) = std::sqrt(e);
+      kf = 0;
+    } else if (e < -tenP) {
+      kf = -1;
+    } else {
+      kf = 1;
+    }
+    return;
+  }
+
+  const double eps = kPrecision * gamma;
+  double tol = static_cast<double>(K) * eps;
+  const double bound = std::max(10.0 * static_cast<double>(L) * eps, 1.2 * std::sqrt(gamma));
+  double mx = 0.0;
+  i64 r = 0;  // 0-based column in the loop, rr = K + r its diagonal row
+  double d = 0.0;
+  int g = 0;
+  bool tail = false;
+  for (r = 0; r < L - 1; ++r) {
+    tol += eps;
+    const i64 rr = K + r;
+    if (sw == 0)
+      d = T[at(r, r, ldt)] - dot(rr, &T[at(0, r, ldt)], 1, &T[at(0, r, ldt)], 1);
+    else
+      d = diagOf(T, ldt, K, r);
+    // growth: a row of large coupling terms means a tiny pivot went before
+    if (mx > bound) {
+      if (sw == 0) updateLaterDiagonals(T, ldt, rr, r + 1, L);
+      g = 1;
+      tail = true;
+      break;
+    }
+    if (!(d > tol && sw == 0)) {
+      if (sw == 0) {
+        updateLaterDiagonals(T, ldt, rr, r + 1, L);
+        sw = 1;
+      }
+      double best = d;
+      i64 p = r;
+      for (i64 c = r + 1; c < L; ++c)
+        if (diagOf(T, ldt, K, c) > best) {
+          best = diagOf(T, ldt, K, c);
+          p = c;
+        }
+      if (!(best > tol)) {
+        g = 0;
+        tail = true;
+        break;
+      }
+      if (p != r) {
+        swapColumns(T, ldt, rr, r, p);
+        std::swap(ipvt[r], ipvt[p]);
+        diagOf(T, ldt, K, p) = d;
+        d = best;
+      }
+    }
+    // accept pivot d: row rr of T
+    const double s = std::sqrt(d);
+    T[at(rr, r, ldt)] = s;
+    symLowerMulVec(H, ldh, n, zcol(r), w);
+    mx = 0.0;
+    for (i64 c = r + 1; c < L; ++c) {
+      const double t =
+          (dot(n, zcol(c), 1, w, 1) - dot(rr, &T[at(0, c, ldt)], 1, &T[at(0, r, ldt)], 1)) / s;
+      T[at(rr, c, ldt)] = t;
+      if (sw == 1) diagOf(T, ldt, K, c) -= t * t;
+      mx = std::max(mx, std::fabs(t));
+    }
+  }
+
+  if (!tail) {
+    // last column
+    tol += eps;
+    r = L - 1;
+    const i64 rr = K + r;
+    if (sw == 0)
+      d = T[at(r, r, ldt)] - dot(rr, &T[at(0, r, ldt)], 1, &T[at(0, r, ldt)], 1);
+    else
+      d = diagOf(T, ldt, K, r);
+    if (d > tol) {
+      diagOf(T, ldt, K, r) = std::sqrt(d);
+      kf = 0;
+    } else if (d < -tol) {
+      kf = static_cast<int>(-L);
+    } else {
+      kf = 1;
+    }
+    return;
+  }
+
+  // Indefinite or singular tail from column r with diagonal d.
+  const i64 rr = K + r;
+  double dmin = d;
+  i64 q = r;
+  for (i64 c = r + 1; c < L; ++c)
+    if (diagOf(T, ldt, K, c) < dmin) {
+      dmin = diagOf(T, ldt, K, c);
+      q = c;
+    }
+  if (dmin < -tol) {
+    if (flag == 0) {
+      kf = n;
+      return;
+    }
+    swapColumns(T, ldt, rr, r, q);
+    std::swap(ipvt[r], ipvt[q]);
+    diagOf(T, ldt, K, q) = d;
+    diagOf(T, ldt, K, r) = dmin;
+    kf = static_cast<int>(-(r + 1)) - (g == 1 ? 10 * ldz : 0);
+    return;
+  }
+  // No negative diagonal: look for curvature hidden in the couplings of the
+  // tail, z_c' H z_c' less the finished rows.
+  double big = dmin;
+  i64 bigCol = q;
+  double bigVal = dmin;
+  for (i64 rp = r; rp < L - 1; ++rp) {
+    symLowerMulVec(H, ldh, n, zcol(rp), w);
+    for (i64 c = rp + 1; c < L; ++c) {
+      const double t =
+          dot(n, zcol(c), 1, w, 1) - dot(rr, &T[at(0, c, ldt)], 1, &T[at(0, rp, ldt)], 1);
+      T[at(K + rp, c, ldt)] = t;
+      if (std::fabs(t) > big) {
+        big = std::fabs(t);
+        bigCol = c;
+        bigVal = t;
+      }
+    }
+    if (big > tol) {
+      if (flag == 0) {
+        kf = n;
+        return;
+      }
+      if (rp != r) {
+        swapColumns(T, ldt, rr, r, rp);
+        std::swap(ipvt[r], ipvt[rp]);
+      }
+      if (bigCol != r + 1 && bigCol > r) {
+        swapColumns(T, ldt, rr, r + 1, bigCol);
+        std::swap(ipvt[r + 1], ipvt[bigCol]);
+      }
+      T[at(rr, r + 1, ldt)] = bigVal;
+      kf = static_cast<int>(-(r + 1) - L);
+      return;
+    }
+  }
+  kf = static_cast<int>(L - r);
+}
+
+// Rebuilds T for the m columns of Z left after ANFM04: the column stage
+// applies ANFM04's rotations to the columns of the old factor (which leaves
+// the old first row as an extra row along the subdiagonal), the row stage
+// folds that row back in by plane rotations, and the closing stage either
+// lets a singular tail shrink or refactors an indefinite part.
+void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
+            const int& ldz, const double* cs, double* w, int* ipvt, const double& t11,
+            const int& m, const int& r, const int& n, int& st, const int& flag,
+            const int& channel) {
+  (void)channel;
+  if (!(n <= ldh && m < ldt && n <= ldz && m >= 1 && r >= 0 && n >= 2)) qpArgumentTrap("ANFM05");
+  const bool singularTail = st >= 1 && st <= m + 1;
+  const i64 rg = singularTail ? m - st + 1 : r;  // good leading rows
+  if (st == m + 1) {
+    st = m;
+    return;
+  }
+  // Column stage.  a = w(0:m), the running column; b = w(m+1:2m+1).
+  double* a = w;
+  double* b = &w[m + 1];
+  for (i64 i = 0; i <= m; ++i) a[i] = 0.0;
+  a[0] = rg <= 0 ? 1.0 : t11;
+  int mth = ipvt[0];
+  for (i64 j = 0; j < m; ++j) {  // new column j from old column j+1 = passed column j
+    const double c = cs[j], s = cs[m + j];
+    const i64 nb = std::min<i64>(j + 2, std::max<i64>(rg, 0));
+    for (i64 i = 0; i <= j + 1; ++i) b[i] = i < nb ? T[at(i, j, ldt)] : 0.0;
+    a[j + 1] = 0.0;
+    if (ipvt[j + 1] > mth) {
+      if (j + 2 > rg) b[j + 1] = 1.0;  // a tail column enters as a unit column
+      for (i64 i = 0; i <= j + 1; ++i) std::swap(a[i], b[i]);
+      std::swap(mth, ipvt[j + 1]);
+    }
+    ipvt[j] = std::min(mth, ipvt[j + 1]);
+    // rotated column s a - c b, running column c a + s b
+    const double extra = s * a[0] - c * b[0];
+    a[0] = c * a[0] + s * b[0];
+    for (i64 i = 1; i <= j + 1; ++i) {
+      const double ai = a[i], bi = b[i];
+      T[at(i - 1, j, ldt)] = s * ai - c * bi;
+      a[i] = c * ai + s * bi;
+    }
+    const i64 extraRow = j + 1 < rg ? j + 1 : rg - 1;
+    if (extraRow >= 0) T[at(extraRow, j, ldt)] = extra;
+  }
+  // Row stage: fold the extra row (row min(c+1, rg-1) of column c) into the
+  // triangle, rows 0..rg-2.
+  for (i64 j = 0; j + 1 < rg; ++j) {
+    const double e = T[at(j + 1, j, ldt)];
+    const double dj = T[at(j, j, ldt)];
+    if (!(std::fabs(e) > kPrecision)) continue;
+    const double rho = std::sqrt(dj * dj + e * e);
+    T[at(j, j, ldt)] = rho;
+    const double c = dj / rho, s = e / rho;
+    for (i64 cc = j + 1; cc < m; ++cc) {
+      double& u = T[at(j, cc, ldt)];
+      double& v = T[at(std::min(cc + 1, rg - 1), cc, ldt)];
+      const double u0 = u, v0 = v;
+      u = c * u0 + s * v0;
+      v = s * u0 - c * v0;
+    }
+  }
+  if (singularTail) {
+    // pivot the largest entry of the extra row onto the diagonal
+    const i64 rr = rg - 1;
+    i64 cbest = rr;
+    double best = std::fabs(T[at(rr, rr, ldt)]);
+    for (i64 cc = rr + 1; cc < m; ++cc)
+      if (std::fabs(T[at(rr, cc, ldt)]) > best) {
+        best = std::fabs(T[at(rr, cc, ldt)]);
+        cbest = cc;
+      }
+    if (T[at(rr, cbest, ldt)] < -kPrecision)
+      for (i64 cc = rr; cc < m; ++cc) T[at(rr, cc, ldt)] = -T[at(rr, cc, ldt)];
+    if (cbest != rr) {
+      swapColumns(T, ldt, rr + 1, rr, cbest);
+      std::swap(ipvt[rr], ipvt[cbest]);
+    }
+    if (T[at(rr, rr, ldt)] > kPrecision09) st = st - 1;
+    return;
+  }
+  if (st == 0) return;
+  // Indefinite part: factor again from position rg-1 on.
+  const int L = static_cast<int>(rg - 1);
+  int kf = L;
+  ANFM03(H, ldh, &T[at(0, L, ldt)], ldt, Z, ldz, w, &ipvt[L], n, m, kf, flag, channel);
+  const int marker = 10 * ldz;
+  bool marked = false;
+  if (kf <= -marker) {
+    kf += marker;
+    marked = true;
+  }
+  if (kf < L - m)
+    kf -= 2 * L;
+  else if (kf < 0)
+    kf -= L;
+  st = marked ? kf - marker : kf;
+}
+
+// Extends T by the new null vector z after a deletion: T moves one column
+// left in HR, the couplings z_i' H z of the old directions with the new one
+// are reduced by the factored rows, and the new direction goes in at the
+// last position (or ahead of a singular tail when it has curvature).
+void ANFM06(const double* z, const int& ldq, double* HR, const int& ldr, double* w, int* ipvt,
+            const int& n, int& nz, int& st, const int& channel) {
+  (void)channel;
+  if (!(st >= 0 && st <= nz && nz < n)) qpArgumentTrap("ANFM06");
+  const double tol = kPrecision075;
+  const i64 nz0 = nz;
+  const i64 k = n - nz0;  // active count before the deletion; z is column k-1 of Q
+  const i64 r = nz0 - st;
+  const i64 s0 = st;
+  // T(i,j) of the new block at HR(i, k + j); v = its column nz0 = HR(:, n).
+  double* T = &HR[at(0, k, ldr)];
+  double* v = &HR[at(0, n, ldr)];
+
+  symLowerMulVec(HR, ldr, n, z, w);
+  double c = dot(n, z, 1, w, 1);
+  // T one column left: column j keeps its j+1 entries
+  for (i64 j = 0; j < nz0; ++j)
+    for (i64 i = 0; i <= j; ++i) T[at(i, j, ldr)] = T[at(i, j + 1, ldr)];
+  // v(i) = z_i' H z, z_i = column (n-1-i) of Q = z + (nz0 - i) columns
+  for (i64 i = 0; i < nz0; ++i) v[i] = dot(n, &z[at(0, nz0 - i, ldq)], 1, w, 1);
+  for (i64 i = 0; i < nz0; ++i) w[i] = v[ipvt[i] - 1];
+  ipvt[nz0] = static_cast<int>(nz0 + 1);
+  if (r > 0) {
+    const int rr = static_cast<int>(r), job = 1;
+    qpTriSolve(T, ldr, rr, w, v, job);
+    c -= dot(r, v, 1, v, 1);
+  }
+  bool small = false;
+  if (s0 > 0) {
+    if (r < 1) {
+      for (i64 i = 0; i < s0; ++i) v[i] = w[i];
+    } else {
+      // the product runs over st terms of v, which it reads as it is written
+      for (i64 j = 0; j < s0; ++j)
+        v[r + j] = w[r + j] - dot(s0, &T[at(0, r + j, ldr)], 1, v, 1);
+    }
+    small = nrm2(s0, &v[r], 1) < tol;
+  }
+  if (c > tol) {
+    const double s = std::sqrt(c);
+    v[nz0] = s;
+    if (s0 > 0) {
+      if (!small) {
+        for (i64 i = r; i < nz0; ++i) v[i] = v[i] / s;
+        st = st + 2 * static_cast<int>(nz0 + 1);
+      }
+      // the new direction moves ahead of the singular tail
+      swapColumns(T, ldr, r, nz0, r);
+      std::swap(ipvt[nz0], ipvt[r]);
+      T[at(r, r, ldr)] = s;
+      for (i64 j = r + 1; j < nz0; ++j) T[at(r, j, ldr)] = v[j];
+    }
+  } else {
+    v[nz0] = c;
+    if (c < -tol) {
+      st = st != 0 ? st + static_cast<int>(nz0) + 2 : -static_cast<int>(nz0 + 1);
+    } else if (s0 == 0) {
+      st = 1;
+    } else if (small) {
+      st = st + 1;
+    } else {
+      st = st + static_cast<int>(nz0) + 2;
+    }
+  }
+  nz = static_cast<int>(nz0 + 1);
+}
+
+}  // namespace lumbra::qp
