@@ -20,7 +20,7 @@ def main():
     n, m = 10000, 1000
     x = pseudo_returns(n, 7)
     g = -0.012 + 0.024 * np.arange(m) / (m - 1)
-    bw = float(np.float32(1.059) / np.float32(n) ** np.float32(0.2))
+    bw = float(np.float32(1.059)) / float(np.float32(n) ** np.float32(0.2))
     kde = gaussian_kde(x, bw_method=bw)
     kde(g)  # warm-up
     best = float("inf")
