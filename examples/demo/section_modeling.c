@@ -51,14 +51,10 @@ int demoModeling(DemoContext* ctx) {
   for (int j = 0; j < ctx->nAssets; ++j) {
     for (int t = 0; t < ctx->nReturns; ++t) column[t] = ctx->returns[t * ctx->nAssets + j];
     code = ORXanalysisExpostReturn(&ctx->nReturns, column, &ctx->mu[j], &status);
-    if (code != 0) {
-      /* Until the ex-post engine is available, the plain mean. */
-      double s = 0.0;
-      for (int t = 0; t < ctx->nReturns; ++t) s += column[t];
-      ctx->mu[j] = s / ctx->nReturns;
-    }
+    if (demoCheck("ORXanalysisExpostReturn", code, status)) break;
   }
   free(column);
+  if (code != 0) return code;
 
   code = ORXmodelingCov(&ctx->nReturns, &ctx->nAssets, ctx->returns, ctx->cov, &status);
   if (demoCheck("ORXmodelingCov", code, status)) return code;
