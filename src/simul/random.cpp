@@ -28,8 +28,9 @@
 namespace lumbra::simul {
 namespace {
 
-// Schrage factors of the two components: m = a q + r, so a s mod m can be
-// formed as a (s mod q) - r (s / q) without leaving 32 bits.
+// Schrage factors of the two components: m = a q + r with r < q, so a s mod m
+// can be formed as a (s mod q) - r (s / q), plus m when negative, with every
+// intermediate inside 32 bits for a state in range.
 constexpr std::int32_t kMult1 = 40014;
 constexpr std::int32_t kQuot1 = 53668;
 constexpr std::int32_t kRem1 = 12211;
