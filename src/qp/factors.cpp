@@ -44,20 +44,23 @@ void swapColumns(double* T, i64 ldt, i64 rows, i64 a, i64 b) {
   for (i64 i = 0; i < rows; ++i) std::swap(T[at(i, a, ldt)], T[at(i, b, ldt)]);
 }
 
-// The coefficients of column k-1 (0-based) of R and of the part w that is
-// still to be reduced: R(0:k-2,k-1) = Q(:,0:k-2)' a and w = Q(:,k-1:n-1)' a,
-// with a = +-e_id when id is non-zero.  Returns the 2-norm of w.
-double projectNormal(const double* Q, i64 ldq, double* R, i64 ldr, const double* a, double* w,
-                     i64 n, i64 k, int id) {
-  const bool negate = id < 0;
-  const i64 row = negate ? -id : id;
-  for (i64 j = 0; j < n; ++j) {
-    const double v = row > 0 ? Q[at(row - 1, j, ldq)] : dot(n, &Q[at(0, j, ldq)], 1, a, 1);
-    if (j < k - 1)
-      R[at(j, k - 1, ldr)] = negate ? -v : v;
-    else
-      w[j - (k - 1)] = negate ? -v : v;
-  }
+// Coefficient j of the normal (a, or +-e_id when id is non-zero) in the
+// basis Q: q_j' a.
+double coefficient(const double* Q, i64 ldq, const double* a, i64 n, int id, i64 j) {
+  const i64 row = id < 0 ? -id : id;
+  const double v = row > 0 ? Q[at(row - 1, j, ldq)] : dot(n, &Q[at(0, j, ldq)], 1, a, 1);
+  return id < 0 ? -v : v;
+}
+
+// Column k-1 (0-based) of R above the diagonal: R(0:k-2,k-1) = Q(:,0:k-2)' a.
+void rangePart(const double* Q, i64 ldq, double* R, i64 ldr, const double* a, i64 n, i64 k,
+               int id) {
+  for (i64 j = 0; j + 1 < k; ++j) R[at(j, k - 1, ldr)] = coefficient(Q, ldq, a, n, id, j);
+}
+
+// The part still to be reduced, w = Q(:,k-1:n-1)' a; returns its 2-norm.
+double nullPart(const double* Q, i64 ldq, const double* a, double* w, i64 n, i64 k, int id) {
+  for (i64 j = k - 1; j < n; ++j) w[j - (k - 1)] = coefficient(Q, ldq, a, n, id, j);
   return nrm2(n - k + 1, w, 1);
 }
 
@@ -110,7 +113,8 @@ void ANFM01(double* Q, const int& ldq, double* R, const int& ldr, const double* 
   if (!(k >= 1 && k <= n && n >= 2 && n <= ldq && n <= ldr && id >= -n && id <= n))
     qpArgumentTrap("ANFM01");
   const i64 len = n - k + 1;  // entries of w, for columns k-1..n-1
-  const double nrm = projectNormal(Q, ldq, R, ldr, a, w, n, k, id);
+  rangePart(Q, ldq, R, ldr, a, n, k, id);  // written even for a dependent normal
+  const double nrm = nullPart(Q, ldq, a, w, n, k, id);
   if (kPrecision09 > nrm) {
     id = -1;
     return;
@@ -140,11 +144,13 @@ void ANFM04(double* Q, const int& ldq, double* R, const int& ldr, const double* 
     qpArgumentTrap("ANFM04");
   const i64 nzp = n - k;
   double* v = &w[2 * nzp];  // v[c - (k-1)] belongs to column c of Q
-  const double nrm = projectNormal(Q, ldq, R, ldr, a, v, n, k, id);
+  // the null-space part first: a dependent normal leaves R and T untouched
+  const double nrm = nullPart(Q, ldq, a, v, n, k, id);
   if (kPrecision09 > nrm) {
     id = -1;
     return;
   }
+  rangePart(Q, ldq, R, ldr, a, n, k, id);
   id = 0;
   if (k == n) {
     R[at(n - 1, n - 1, ldr)] = v[0];
