@@ -118,18 +118,27 @@ void factorAfresh(Loop& L, int flag) {
   takeMarker(L);
 }
 
-// G = H x + g from the lower triangle of H, row by row:
+// G = H x + g from the lower triangle of H:
 // G(i) = H(i,0:i) x(0:i) + H(i+1:n-1,i)' x(i+1:n-1) + g(i).
+// The row products are accumulated in one sweep over the columns, term
+// j after term j - 1 for every row, which is the order of a sequential
+// strided dot product but reads the triangle contiguously; the column
+// products are contiguous dot products.
 void gradient(Loop& L) {
   const i64 n = L.n;
+  double* G = L.G;
+  for (i64 i = 0; i < n; ++i) G[i] = 0.0;
+  for (i64 j = 0; j < n; ++j) {
+    const double xj = L.x[j];
+    const double* h = L.HR + at(0, j, L.ldh);
+    for (i64 i = j; i < n; ++i) G[i] = G[i] + h[i] * xj;
+  }
   for (i64 i = 0; i < n; ++i) {
-    const int lenRow = static_cast<int>(i + 1);
-    const double s1 = ddot_(&lenRow, L.HR + at(i, 0, L.ldh), &L.ldh, L.x, &kOne);
     const double s2 = dot(n - i - 1, L.HR + at(i + 1, i, L.ldh), L.x + i + 1);
-    L.G[i] = s1 + s2 + L.g[i];
+    G[i] = G[i] + s2 + L.g[i];
   }
   if (L.scale != 1.0)
-    for (i64 i = 0; i < n; ++i) L.G[i] = L.G[i] * L.scale;
+    for (i64 i = 0; i < n; ++i) G[i] = G[i] * L.scale;
 }
 
 // y(j) = q_(n-1-j)' G, j = 0..nz-1, and its size relative to G.
