@@ -31,12 +31,28 @@ double nrm2(i64 n, const double* x, i64 inc) {
   return dnrm2_(&nn, x, &ix);
 }
 
-// u = H z from the lower triangle of H:
-// u(i) = H(i,0:i) z(0:i) + H(i+1:n-1,i)' z(i+1:n-1).
+// u = H z from the lower triangle of H, grouped per row as
+// u(i) = H(i,0:i) z(0:i) + H(i+1:n-1,i)' z(i+1:n-1).  The row part is
+// accumulated column by column (ascending j, contiguous), the column part is
+// a contiguous dot: the same sums as a strided row product, without reading
+// H across its rows.
 void symLowerMulVec(const double* H, i64 ldh, i64 n, const double* z, double* u) {
-  for (i64 i = 0; i < n; ++i)
-    u[i] = dot(i + 1, &H[at(i, 0, ldh)], ldh, z, 1) +
-           dot(n - i - 1, &H[at(i + 1, i, ldh)], 1, &z[i + 1], 1);
+  for (i64 i = 0; i < n; ++i) u[i] = 0.0;
+  for (i64 j = 0; j < n; ++j) {
+    const double zj = z[j];
+    const double* h = &H[at(0, j, ldh)];
+    for (i64 i = j; i < n; ++i) u[i] += h[i] * zj;
+  }
+  for (i64 i = 0; i + 1 < n; ++i)
+    u[i] = u[i] + dot(n - i - 1, &H[at(i + 1, i, ldh)], 1, &z[i + 1], 1);
+}
+
+// z' H z with u = H z formed in w: sum_i z(i) u(i), in order.
+double selfCurvature(const double* H, i64 ldh, i64 n, const double* z, double* w) {
+  symLowerMulVec(H, ldh, n, z, w);
+  double sum = 0.0;
+  for (i64 i = 0; i < n; ++i) sum += z[i] * w[i];
+  return sum;
 }
 
 // Exchanges columns a and b (0-based) of T in rows 0..rows-1.
@@ -264,8 +280,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
   }
   double gamma = 1.0;
   for (i64 j = 0; j < L; ++j) {
-    const int c = m + 1 - ipvt[j];
-    double diag = qpCurvature(H, ldh, Z, ldz, n, c, c);
+    double diag = selfCurvature(H, ldh, n, zcol(j), w);  // z_c' H z_c
     diag -= dot(K, &T[at(0, j, ldt)], 1, &T[at(0, j, ldt)], 1);
     if (flag == 0 && diag < -tenP) {
       kf = n;

@@ -204,6 +204,43 @@ TEST(QpDirection, NullCurvatureDirection) {
   expectZero(project(s, r, s.k, n), kTol, "Z'(Hp+g)");
 }
 
+// A deletion next to a singular tail whose new direction couples to the
+// tail leaves a status above nz: the direction stays in the null space and
+// goes downhill; with a zero pivot it has negative curvature.
+// H couples x_0 to x_1, which has no curvature of its own; x_2, x_3 have
+// unit curvature, and x_0 has curvature h00 (0: zero pivot, 1: a pivot).
+TEST(QpDirection, CoupledTailAfterDeletion) {
+  const int n = 4;
+  for (double h00 : {0.0, 1.0}) {
+    std::vector<double> H(16, 0.0);
+    H[at(0, 0, n)] = h00;
+    H[at(1, 0, n)] = H[at(0, 1, n)] = 1.0;
+    H[at(2, 2, n)] = H[at(3, 3, n)] = 1.0;
+    FactorState s(n, H);
+    s.addFirst({}, -1);  // lower bound of x_0
+    s.factorFresh(1);
+    ASSERT_EQ(s.st, 1);  // x_1 carries no curvature
+    s.remove(1);
+    ASSERT_EQ(s.nz, 4);
+    if (h00 == 0.0) {
+      EXPECT_EQ(s.st, 1 + 3 + 2);  // zero pivot coupled to the tail
+    } else {
+      EXPECT_EQ(s.st, 1 + 2 * 4);  // a pivot with a row of couplings
+    }
+    s.expectInvariants("h00 " + std::to_string(h00));
+    // at a subspace minimum only the freed direction sees the gradient
+    const std::vector<double> g = {-0.5, 0.0, 0.0, 0.0};
+    Direction d = direct(s, g, 1, -1);
+    EXPECT_EQ(d.drop, 0);
+    EXPECT_LT(dotv(d.p, g), 0.0) << "h00 " << h00;
+    EXPECT_GT(d.p[0], 0.0);  // x_0 leaves its lower bound upwards
+    expectZero(project(s, d.p, 0, s.k), kTol, "A'p");
+    // the zero pivot coupled to the tail gives p'Hp = -2 |coupling|^2 (the
+    // product of the unit step on the new position with the couplings)
+    if (h00 == 0.0) EXPECT_NEAR(-2.0, dotv(d.p, hmul(s, d.p)), kTol);
+  }
+}
+
 TEST(QpTriSolve, BothSystemsExactOnDyadicData) {
   // R = [2 1 -1; 0 4 2; 0 0 0.5], column-major, ld 3
   const std::vector<double> R = {2, 0, 0, 1, 4, 0, -1, 2, 0.5};

@@ -81,6 +81,29 @@ TEST(QpFactors, SemidefiniteStatusTracksRank) {
   }
 }
 
+// Indefinite H: negative statuses are carried through additions (rebuilt
+// in part or afresh) until enough constraints make the reduced Hessian
+// definite; the factored part stays exact throughout.
+TEST(QpFactors, IndefiniteStatusThroughAdditions) {
+  const int n = 9;
+  for (unsigned seed : {41u, 43u, 47u}) {
+    std::mt19937 gen(seed);
+    std::vector<double> H = testqp::randomSpd(n, gen);
+    for (int i = 0; i < 3; ++i) H[at(i, i, n)] -= 30.0;  // three strongly negative directions
+    FactorState s(n, H);
+    s.addFirst(testqp::randomVector(n, gen), 0);
+    s.factorFresh(1);
+    EXPECT_LT(s.st, 0);
+    s.expectInvariants("fresh");
+    // bounds on the first three variables remove the negative directions
+    for (int id : {1, 2, 3}) {
+      ASSERT_TRUE(s.add({}, id));
+      s.expectInvariants("seed " + std::to_string(seed) + " bound " + std::to_string(id));
+    }
+    EXPECT_EQ(s.st, 0) << "seed " << seed;
+  }
+}
+
 TEST(QpFactors, BoundIndexEqualsExplicitUnitVector) {
   const int n = 6;
   std::mt19937 gen(3);
