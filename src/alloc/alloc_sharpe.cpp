@@ -59,6 +59,30 @@ void allocSharpeBuildProblem(const int& n, const double* mu, const double& riskF
   }
 }
 
+// The first stage: the mean-variance problem (after its covariance test)
+// with the budget sum(w) = 1 put before the caller's equalities, and the
+// target r_f plus a small margin.  The problem is built straight into the
+// mean-variance layout carved from work, budget column first, so that no
+// intermediate copy of the caller's columns is needed: the work array then
+// suffices whatever the number of equalities.
+void allocSharpeStageOne(const int& n, double* cov, const double* mu, const int& nEq,
+                         const int& nIneq, const double* cons, const double* rhs,
+                         const double* lower, const double* upper, const double& riskFree,
+                         int* iwork, double* work, double* weights, int& status) {
+  AllocLayout w;
+  allocCarve(n, nEq + 1 + nIneq, work, w);
+  // C(:,0) = 1, d(0) = 1; the caller's columns and the return row follow.
+  for (i64 i = 0; i < n; ++i) w.C[at(i, 0, n)] = kUnit;
+  w.d[0] = kUnit;
+  const double target = riskFree + kSharpeMargin;
+  int me = 0, mi = 0;
+  allocMVBuildProblem(n, mu, target, nEq, nIneq, cons, rhs, me, mi, w.C + n, w.d + 1, w.c);
+  me += 1;
+  solveAllocationQP(n, cov, w.c, me, mi, w.C, w.d, lower, upper, iwork, w.scratch,
+                    w.multipliers, weights, status);
+  if (status == kDriverNoFeasiblePoint) status = kStatusInconsistent;
+}
+
 // Stage 1 tests that some portfolio meeting all of the caller's constraints
 // (budget added) returns more than r_f; stage 2 solves the homogeneous
 // problem and divides by its scale.
@@ -91,16 +115,8 @@ void allocSharpeRatio(const int& n, double* cov, const double* mu, const int& nE
 
   // Stage 1: a mean-variance problem with the budget as first equality and
   // target r_f plus a small margin; it must have a feasible portfolio.
-  const i64 m = i64{nEq} + nIneq;
-  for (i64 i = 0; i < n; ++i) C[at(i, 0, n)] = kUnit;
-  d[0] = kUnit;
-  for (i64 j = 0; j < m; ++j) {
-    for (i64 i = 0; i < n; ++i) C[at(i, j + 1, n)] = cons[at(i, j, n)];
-    d[j + 1] = rhs[j];
-  }
-  const double stageTarget = riskFree + kSharpeMargin;
-  allocMVSolve(n, cov, mu, nEq + 1, nIneq, C, d, lower, upper, stageTarget, iwork, rest,
-               weights, status);
+  allocSharpeStageOne(n, cov, mu, nEq, nIneq, cons, rhs, lower, upper, riskFree, iwork, rest,
+                      weights, status);
   if (status < 0) {
     status = kStatusInfeasible;
     return;
