@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <cmath>
+#include <limits>
 
 #include "kernels/blas.h"
 
@@ -451,6 +452,9 @@ void matPositiveDefiniteCheck(const int& n, const double* A, int* iwork, double*
   double* wr = work + nn + i64{6} * n;
   double* vs = wr + n;
   flag = 0;
+  // A failing DGEES may leave wr partly unwritten: NaN there is skipped by
+  // the minimum's comparisons, so the flag then keeps DGEES's INFO.
+  vecFill(n, wr, std::numeric_limits<double>::quiet_NaN());
   matSchurEigen(n, A, iwork, work, wr, vs, flag);
   double smallest = 0.0;
   vecMin(n, wr, smallest);
