@@ -86,6 +86,10 @@ void matClippedCholesky(const int& n, const double* A, int* iwork, double* work,
 // Work: n integers, n*n + 6n doubles.
 void matSchurEigen(const int& n, const double* A, int* iwork, double* work, double* wr,
                    double* vs, int& info);
+// The real parts alone, without Schur vectors (same values, less work).
+// Work: n integers, n*n + 6n doubles.
+void matSchurRealParts(const int& n, const double* A, int* iwork, double* work, double* wr,
+                       int& info);
 // Work: n integers, 2n*n + 7n doubles.
 void matPositiveDefiniteCheck(const int& n, const double* A, int* iwork, double* work,
                               int& flag);

@@ -290,3 +290,29 @@ TEST(SpectralKernels, PositiveDefinitenessThresholdOnRealSchurParts) {
   matPositiveDefiniteCheck(n, atThreshold, iwork.data(), work.data(), flag);
   EXPECT_EQ(0, flag);
 }
+
+TEST(SpectralKernels, SchurRealPartsWithoutVectorsAreTheSame) {
+  // The definiteness test skips the Schur vectors; the eigenvalues must be
+  // those of the full decomposition to the last bit, for symmetric and
+  // general matrices, with and without complex pairs.
+  for (const int n : {1, 2, 7, 40, 120}) {
+    std::vector<double> A(static_cast<size_t>(n) * n);
+    unsigned state = 12345u + static_cast<unsigned>(n);
+    for (double& v : A) {
+      state = state * 1103515245u + 12345u;
+      v = static_cast<double>((state >> 8) % 2001u) / 1000.0 - 1.0;
+    }
+    for (const bool symmetric : {false, true}) {
+      if (symmetric) matSymmetrise(n, A.data(), A.data());
+      std::vector<int> iwork(n);
+      std::vector<double> work(static_cast<size_t>(n) * n + 6 * n), vs(static_cast<size_t>(n) * n);
+      std::vector<double> withVectors(n), alone(n);
+      int info1 = -9, info2 = -9;
+      matSchurEigen(n, A.data(), iwork.data(), work.data(), withVectors.data(), vs.data(), info1);
+      matSchurRealParts(n, A.data(), iwork.data(), work.data(), alone.data(), info2);
+      ASSERT_EQ(0, info1);
+      ASSERT_EQ(0, info2);
+      for (int i = 0; i < n; ++i) EXPECT_BITEQ(withVectors[i], alone[i]) << "n " << n << " i " << i;
+    }
+  }
+}
