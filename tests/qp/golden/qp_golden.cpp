@@ -1,0 +1,517 @@
+// Bit-exact regression corpus of the QP solver and the three allocators.
+//
+// Generates a fixed family of problems from a seeded generator (n from 2 to
+// 300; equalities, inequalities, bounds, fixed and absent bounds, dependent
+// and inconsistent rows, degenerate vertices, infeasible sets, zero,
+// semi-definite and indefinite Hessians, and the long-only mean-variance
+// problem of bench_qp), solves each one and renders the outcome as text:
+// status, passes of the main loop, x, the multipliers and the objective in
+// hexadecimal (%a), so that every bit and the sign of every zero counts.
+//
+//   lumbra_qp_golden --dump FILE [--full]    full text of every record
+//   lumbra_qp_golden --digest FILE [--full]  one 64-bit FNV-1a hash per record
+//   lumbra_qp_golden --check FILE [--full]   compare with a digest file
+//
+// --full adds the n = 500 bench problem (about half a second).  The digests
+// hold for the reference BLAS: another BLAS (OpenBLAS picks kernels per CPU)
+// may legitimately differ in the last bits, so --check exits 77 (skipped)
+// when the process has an OpenBLAS or other optimised BLAS mapped.
+#include <algorithm>
+#include <cinttypes>
+#include <cstdarg>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "lumbra.h"
+#include "qp/qp.h"
+#include "qp/solver.h"
+
+namespace {
+
+// ---- deterministic generator (splitmix64) --------------------------------
+struct Rng {
+  std::uint64_t s;
+  std::uint64_t next() {
+    std::uint64_t z = (s += 0x9e3779b97f4a7c15ULL);
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+    return z ^ (z >> 31);
+  }
+  double uniform() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }  // [0, 1)
+  double range(double a, double b) { return a + (b - a) * uniform(); }
+  int below(int k) { return static_cast<int>(next() % static_cast<std::uint64_t>(k)); }
+  bool chance(double p) { return uniform() < p; }
+};
+
+constexpr double kAbsent = 1e300;  // beyond sqrt(overflow): the bound does not exist
+
+// A problem in solver form, column-major, C with leading dimension n.
+struct Qp {
+  int n = 0, me = 0, mi = 0;
+  std::vector<double> H, c, C, d, lower, upper;
+};
+
+// ---- record rendering --------------------------------------------------------
+struct Recorder {
+  std::string text;
+  void line(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  void values(const char* tag, const double* v, long k) {
+    text += tag;
+    char buf[48];
+    for (long i = 0; i < k; ++i) {
+      std::snprintf(buf, sizeof buf, " %a", v[i]);
+      text += buf;
+    }
+    text += '\n';
+  }
+};
+
+void Recorder::line(const char* fmt, ...) {
+  char buf[256];
+  va_list ap;
+  va_start(ap, fmt);
+  std::vsnprintf(buf, sizeof buf, fmt, ap);
+  va_end(ap);
+  text += buf;
+  text += '\n';
+}
+
+std::uint64_t fnv1a(const std::string& s) {
+  std::uint64_t h = 0xcbf29ce484222325ULL;
+  for (unsigned char ch : s) {
+    h ^= ch;
+    h *= 0x100000001b3ULL;
+  }
+  return h;
+}
+
+// ---- problem families ---------------------------------------------------------
+
+// H = B B' / k + diag(delta) (rank k plus delta), or indefinite, or zero.
+enum class Hess { Definite, LowRank, Zero, Indefinite, Diagonal };
+
+void fillHessian(Qp& p, Rng& r, Hess kind) {
+  const int n = p.n;
+  p.H.assign(static_cast<size_t>(n) * n, 0.0);
+  auto at = [n](int i, int j) { return i + static_cast<size_t>(j) * n; };
+  if (kind == Hess::Zero) return;
+  if (kind == Hess::Diagonal) {
+    for (int i = 0; i < n; ++i) p.H[at(i, i)] = r.chance(0.2) ? 0.0 : r.range(0.1, 2.0);
+    return;
+  }
+  if (kind == Hess::Indefinite) {
+    for (int j = 0; j < n; ++j)
+      for (int i = j; i < n; ++i) p.H[at(i, j)] = p.H[at(j, i)] = r.range(-1.0, 1.0);
+    return;
+  }
+  const int k = kind == Hess::LowRank ? 1 + r.below(std::max(1, n / 3)) : 1 + r.below(12);
+  std::vector<double> B(static_cast<size_t>(n) * k);
+  for (double& b : B) b = r.range(-1.0, 1.0);
+  const double delta = kind == Hess::LowRank ? 0.0 : r.range(0.001, 0.5);
+  for (int j = 0; j < n; ++j)
+    for (int i = j; i < n; ++i) {
+      double s = 0.0;
+      for (int q = 0; q < k; ++q) s += B[i + static_cast<size_t>(q) * n] * B[j + static_cast<size_t>(q) * n];
+      s /= k;
+      if (i == j) s += delta;
+      p.H[at(i, j)] = p.H[at(j, i)] = s;
+    }
+}
+
+// A random problem built around a point x0 inside the bounds, so that it is
+// feasible unless the family asks for infeasibility.
+Qp randomProblem(Rng& r, int n) {
+  Qp p;
+  p.n = n;
+  const int hk = r.below(10);
+  const Hess kind = hk < 5 ? Hess::Definite
+                    : hk < 7 ? Hess::LowRank
+                    : hk < 8 ? Hess::Zero
+                    : hk < 9 ? Hess::Indefinite
+                             : Hess::Diagonal;
+  fillHessian(p, r, kind);
+  p.c.resize(n);
+  for (double& v : p.c) v = r.chance(0.1) ? 0.0 : r.range(-1.0, 1.0);
+
+  // bounds: box, long-only, fixed, absent on one or both sides
+  p.lower.resize(n);
+  p.upper.resize(n);
+  const int bk = r.below(4);
+  std::vector<double> x0(n);
+  for (int i = 0; i < n; ++i) {
+    double lo, up;
+    if (bk == 0) {
+      lo = 0.0;
+      up = r.chance(0.5) ? 1.0 : r.range(0.05, 1.0);
+    } else if (bk == 1) {
+      lo = -1.0;
+      up = 1.0;
+    } else {
+      lo = r.range(-2.0, 0.5);
+      up = lo + r.range(0.0, 2.0);
+    }
+    if (r.chance(0.05)) up = lo;                // fixed variable
+    if (bk == 3 && r.chance(0.2)) lo = -kAbsent;  // absent lower bound
+    if (bk == 3 && r.chance(0.2)) up = kAbsent;   // absent upper bound
+    p.lower[i] = lo;
+    p.upper[i] = up;
+    const double a = lo < -1e10 ? (up > 1e10 ? -1.0 : up - 1.0) : lo;
+    const double b = up > 1e10 ? a + 2.0 : up;
+    x0[i] = a == b ? a : r.range(a, b);
+    if (r.chance(0.3)) x0[i] = r.chance(0.5) ? a : b;  // on a bound: degenerate starts
+  }
+
+  // rows: budget-like equalities, random rows, duplicates
+  p.me = r.chance(0.6) ? 1 + r.below(std::min(3, n - 1)) : 0;
+  p.mi = r.chance(0.7) ? r.below(std::min(8, 2 * n) + 1) : 0;
+  const int m = p.me + p.mi;
+  p.C.assign(static_cast<size_t>(n) * m, 0.0);
+  p.d.assign(m, 0.0);
+  for (int j = 0; j < m; ++j) {
+    double* a = &p.C[static_cast<size_t>(j) * n];
+    const int rk = r.below(6);
+    if (rk == 0 && j < p.me) {
+      for (int i = 0; i < n; ++i) a[i] = 1.0;
+    } else if (rk == 1 && j > 0) {
+      const double s = r.chance(0.5) ? 1.0 : r.range(0.5, 2.0);
+      for (int i = 0; i < n; ++i) a[i] = s * p.C[static_cast<size_t>(j - 1) * n + i];  // dependent
+    } else if (rk == 2) {
+      for (int i = 0; i < n; ++i) a[i] = r.chance(0.7) ? 0.0 : (r.chance(0.5) ? 1.0 : -1.0);
+    } else {
+      for (int i = 0; i < n; ++i) a[i] = r.range(-1.0, 1.0);
+    }
+    double ax = 0.0;
+    for (int i = 0; i < n; ++i) ax += a[i] * x0[i];
+    p.d[j] = j < p.me || r.chance(0.4) ? ax : ax + r.range(0.0, 0.5);  // active or slack
+  }
+  // infeasible and inconsistent variants
+  const int fk = r.below(20);
+  if (fk == 0 && m > 0) p.d[m - 1] -= 1e3;                                        // impossible row
+  if (fk == 1 && p.me >= 2) p.d[1] += 0.5;                                        // may be inconsistent
+  if (fk == 2 && n >= 2 && p.lower[0] > -1e10) p.upper[0] = p.lower[0] - 0.5;     // inverted bounds
+  return p;
+}
+
+// The long-only mean-variance problem of bench_qp (budget, return row at a
+// binding target, 0 <= w <= 5/n), built the same way from the same seed.
+Qp benchProblem(int n) {
+  constexpr int kFactors = 10;
+  std::mt19937_64 rng(1000 + n);
+  auto uniform = [&rng]() { return static_cast<double>(rng() >> 11) * 0x1.0p-53; };
+  std::vector<double> B(static_cast<size_t>(n) * kFactors);
+  for (double& b : B) b = 0.2 * uniform() - 0.1;
+  Qp p;
+  p.n = n;
+  p.H.assign(static_cast<size_t>(n) * n, 0.0);
+  for (int j = 0; j < n; ++j)
+    for (int i = 0; i < n; ++i) {
+      double s = 0.0;
+      for (int k = 0; k < kFactors; ++k) s += B[i + k * n] * B[j + k * n];
+      p.H[i + static_cast<size_t>(j) * n] = s / kFactors + (i == j ? 0.0004 + 0.0004 * uniform() : 0.0);
+    }
+  std::vector<double> mu(n);
+  for (double& m : mu) m = 0.01 + 0.1 * uniform();
+  const double cap = 5.0 / n;
+  std::vector<double> sorted = mu;
+  std::sort(sorted.begin(), sorted.end(), std::greater<double>());
+  double best = 0.0, left = 1.0;
+  for (double m : sorted) {
+    const double take = std::min(cap, left);
+    best += take * m;
+    left -= take;
+  }
+  double mean = 0.0;
+  for (double m : mu) mean += m;
+  mean /= n;
+  p.me = 1;
+  p.mi = 1;
+  p.c.assign(n, 0.0);
+  p.C.assign(2 * static_cast<size_t>(n), 0.0);
+  for (int i = 0; i < n; ++i) {
+    p.C[i] = 1.0;
+    p.C[n + i] = -mu[i];
+  }
+  p.d = {1.0, -0.5 * (mean + best)};
+  p.lower.assign(n, 0.0);
+  p.upper.assign(n, cap);
+  return p;
+}
+
+// Solves p through qpDriver (status, x, multipliers, H restored) and through
+// the main iteration as the driver runs it (passes, working set, objective).
+std::string solveRecord(const std::string& name, const Qp& p) {
+  using lumbra::i64;
+  Recorder rec;
+  const int n = p.n, me = p.me, mi = p.mi, m = me + mi;
+  rec.line("problem %s n=%d me=%d mi=%d", name.c_str(), n, me, mi);
+  {
+    std::vector<double> H = p.H, c = p.c, C = p.C, d = p.d, lo = p.lower, up = p.upper;
+    C.resize(static_cast<size_t>(n) * m + 1);
+    d.resize(m + 1);
+    std::vector<double> work(static_cast<size_t>(n) * (n + 1) + lumbra::qp::kMainWork(n, mi));
+    std::vector<int> iwork(3 * n + me + 2 * mi + 4);
+    std::vector<double> mult(n + m, 0.0), x(n, 0.0);
+    int status = 0;
+    lumbra::qp::qpDriver(n, H.data(), c.data(), me, mi, C.data(), d.data(), lo.data(), up.data(),
+                         iwork.data(), work.data(), mult.data(), x.data(), status);
+    rec.line("driver status %d", status);
+    rec.values("x", x.data(), n);
+    rec.values("mult", mult.data(), n + m);
+    bool restored = true;
+    for (int j = 0; j < n; ++j)
+      for (int i = j; i < n; ++i)
+        if (H[i + static_cast<size_t>(j) * n] != p.H[i + static_cast<size_t>(j) * n]) restored = false;
+    rec.line("H restored %d", restored ? 1 : 0);
+  }
+  if (n >= 2) {
+    std::vector<double> Q = p.H, G(static_cast<size_t>(n) * (n + 1), 0.0);
+    for (int j = 0; j < n; ++j)
+      for (int i = j; i < n; ++i) G[i + static_cast<size_t>(j) * n] = p.H[i + static_cast<size_t>(j) * n];
+    std::vector<double> C = p.C, d = p.d;
+    C.resize(static_cast<size_t>(n) * m + 1);
+    d.resize(m + 1);
+    std::vector<double> w(lumbra::qp::kMainWork(n, mi)), x(n, 0.0);
+    std::vector<int> IRE(n + mi + 1), list(n + me + mi + 1), ipvt(n + 3);
+    int want = 1, kact = 0, kcur = 0, status = 0, iters = 2500;
+    lumbra::qp::OPTR03(C.data(), n, Q.data(), n, G.data(), n, p.c.data(), d.data(),
+                       p.lower.data(), p.upper.data(), x.data(), w.data(), want, IRE.data(),
+                       list.data(), ipvt.data(), 1.0, 3, n, kact, me, kcur, mi, 6, status, -20,
+                       6, iters);
+    rec.line("main status %d iterations %d kact %d kcur %d", status, iters, kact, kcur);
+    std::string ls = "list";
+    for (int j = 0; j < kact && j < n + m; ++j) ls += " " + std::to_string(list[j]);
+    rec.text += ls + "\n";
+    rec.values("xmain", x.data(), n);
+    if (want >= 1 && static_cast<size_t>(want) <= w.size() && (status == 0 || status == -3))
+      rec.values("objective", &w[want - 1], 1);
+  }
+  return rec.text;
+}
+
+// ---- allocators ---------------------------------------------------------------
+
+// Row-major allocator data: a factor covariance, returns, a budget, sector
+// caps or random rows, bounds, and the scalar targets.
+struct Alloc {
+  int n = 0, nEq = 0, nIneq = 0;
+  std::vector<double> cov, mu, cons, rhs, lower, upper, q;
+  double target = 0, benchReturn = 0, excess = 0, riskFree = 0;
+};
+
+Alloc randomAlloc(Rng& r, int n) {
+  Alloc a;
+  a.n = n;
+  const int k = 1 + r.below(6);
+  std::vector<double> F(static_cast<size_t>(n) * k);
+  for (double& f : F) f = r.range(-0.1, 0.1);
+  a.cov.assign(static_cast<size_t>(n) * n, 0.0);
+  const bool singular = r.chance(0.1);
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j) {
+      double s = 0.0;
+      for (int q = 0; q < k; ++q) s += F[i * k + q] * F[j * k + q];
+      if (i == j && !singular) s += r.range(1e-4, 4e-3);
+      a.cov[i * static_cast<size_t>(n) + j] = a.cov[j * static_cast<size_t>(n) + i] = s;
+    }
+  a.mu.resize(n);
+  for (double& m : a.mu) m = r.range(-0.002, 0.01);
+  const int sectors = r.chance(0.5) ? std::min(n, 1 + r.below(5)) : 0;
+  a.nEq = r.chance(0.8) ? 1 : 0;
+  a.nIneq = sectors;
+  const int m = a.nEq + a.nIneq;
+  a.cons.assign(static_cast<size_t>(n) * m, 0.0);
+  a.rhs.assign(m, 0.0);
+  if (a.nEq == 1) {
+    for (int i = 0; i < n; ++i) a.cons[i * static_cast<size_t>(m)] = 1.0;
+    a.rhs[0] = 1.0;
+  }
+  for (int s = 0; s < sectors; ++s) {
+    for (int i = s; i < n; i += sectors) a.cons[i * static_cast<size_t>(m) + a.nEq + s] = 1.0;
+    a.rhs[a.nEq + s] = r.range(0.2, 0.9);
+  }
+  a.lower.assign(n, r.chance(0.7) ? 0.0 : -0.2);
+  a.upper.assign(n, r.chance(0.5) ? 1.0 : std::max(0.3, 2.0 / n));
+  if (r.chance(0.1)) a.lower[0] = a.upper[0];  // one fixed weight
+  double mean = 0.0, top = -1e9;
+  for (double m : a.mu) {
+    mean += m;
+    top = std::max(top, m);
+  }
+  mean /= n;
+  a.target = mean + r.range(-0.2, 0.9) * (top - mean);
+  a.q.assign(n, 0.0);
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) a.q[i] += a.cov[i * static_cast<size_t>(n) + j] / n;
+  a.benchReturn = mean;
+  a.excess = r.range(-0.1, 0.6) * (top - mean);
+  a.riskFree = r.chance(0.8) ? r.range(-0.001, 0.5) * mean : top + 0.01;
+  return a;
+}
+
+std::string allocRecord(const std::string& name, const Alloc& a) {
+  Recorder rec;
+  rec.line("alloc %s n=%d nEq=%d nIneq=%d", name.c_str(), a.n, a.nEq, a.nIneq);
+  std::vector<double> w(a.n);
+  for (int which = 0; which < 3; ++which) {
+    Alloc b = a;  // the exports convert their matrices in place
+    b.cons.resize(std::max<size_t>(b.cons.size(), 1));  // no rows: still a valid pointer
+    b.rhs.resize(std::max<size_t>(b.rhs.size(), 1));
+    int status = 0, ret = 0;
+    std::fill(w.begin(), w.end(), -7.0);
+    if (which == 0) {
+      ret = ORXallocMV(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, b.cons.data(),
+                       b.rhs.data(), b.lower.data(), b.upper.data(), &b.target, w.data(), &status);
+    } else if (which == 1) {
+      ret = ORXallocIT(&b.n, b.cov.data(), b.mu.data(), b.q.data(), &b.benchReturn, &b.nEq,
+                       &b.nIneq, b.cons.data(), b.rhs.data(), b.lower.data(), b.upper.data(),
+                       &b.excess, w.data(), &status);
+    } else {
+      ret = ORXallocSharpeRatio(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, b.cons.data(),
+                                b.rhs.data(), b.lower.data(), b.upper.data(), &b.riskFree,
+                                w.data(), &status);
+    }
+    static const char* const kNames[] = {"MV", "IT", "Sharpe"};
+    rec.line("%s return %d status %d", kNames[which], ret, status);
+    rec.values("w", w.data(), a.n);
+  }
+  return rec.text;
+}
+
+// ---- the corpus -----------------------------------------------------------------
+
+std::vector<std::pair<std::string, std::string>> corpus(bool full) {
+  std::vector<std::pair<std::string, std::string>> out;
+  Rng r{20240611};
+  // 360 solver problems: mostly small, a tail up to 300 variables
+  for (int k = 0; k < 360; ++k) {
+    int n;
+    const int sk = r.below(40);
+    if (sk < 24)
+      n = 2 + r.below(9);
+    else if (sk < 34)
+      n = 11 + r.below(40);
+    else if (sk < 38)
+      n = 51 + r.below(100);
+    else
+      n = 151 + r.below(150);
+    const Qp p = randomProblem(r, n);
+    const std::string name = "qp" + std::to_string(k);
+    out.emplace_back(name, solveRecord(name, p));
+  }
+  // one variable, through the scalar path of the driver
+  for (int k = 0; k < 12; ++k) {
+    Qp p;
+    p.n = 1;
+    p.H = {k % 3 == 0 ? 0.0 : r.range(0.0, 2.0)};
+    p.c = {r.range(-1.0, 1.0)};
+    p.me = k % 4 == 1 ? 1 : 0;
+    p.mi = k % 2;
+    for (int j = 0; j < p.me + p.mi; ++j) {
+      p.C.push_back(r.range(-1.0, 1.0));
+      p.d.push_back(r.range(-1.0, 1.0));
+    }
+    p.lower = {-1.0};
+    p.upper = {k % 5 == 0 ? -1.0 : 1.0};
+    const std::string name = "scalar" + std::to_string(k);
+    out.emplace_back(name, solveRecord(name, p));
+  }
+  for (int n : {50, 200}) out.emplace_back("bench" + std::to_string(n), solveRecord("bench", benchProblem(n)));
+  if (full) out.emplace_back("bench500", solveRecord("bench", benchProblem(500)));
+  // 90 allocator problems, each through the three exports
+  for (int k = 0; k < 90; ++k) {
+    const int n = k < 70 ? 2 + r.below(30) : 31 + r.below(120);
+    const std::string name = "alloc" + std::to_string(k);
+    out.emplace_back(name, allocRecord(name, randomAlloc(r, n)));
+  }
+  return out;
+}
+
+// True when an optimised BLAS is mapped into this process; the digests are
+// those of the reference BLAS.
+bool optimisedBlasLoaded() {
+  std::ifstream maps("/proc/self/maps");
+  std::string line;
+  while (std::getline(maps, line))
+    if (line.find("openblas") != std::string::npos || line.find("libmkl") != std::string::npos ||
+        line.find("blis") != std::string::npos || line.find("atlas") != std::string::npos)
+      return true;
+  return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string mode, file;
+  bool full = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a == "--full") {
+      full = true;
+    } else if ((a == "--dump" || a == "--digest" || a == "--check") && i + 1 < argc) {
+      mode = a;
+      file = argv[++i];
+    }
+  }
+  if (mode.empty()) {
+    std::fprintf(stderr, "usage: %s --dump|--digest|--check FILE [--full]\n", argv[0]);
+    return 2;
+  }
+  if (mode == "--check" && optimisedBlasLoaded()) {
+    std::printf("optimised BLAS in use: the corpus holds for the reference BLAS only; skipped\n");
+    return 77;
+  }
+  const auto records = corpus(full);
+  if (mode == "--dump" || mode == "--digest") {
+    std::FILE* f = std::fopen(file.c_str(), "w");
+    if (!f) return 2;
+    for (const auto& [name, text] : records) {
+      if (mode == "--dump")
+        std::fputs(text.c_str(), f);
+      else
+        std::fprintf(f, "%s %016" PRIx64 "\n", name.c_str(), fnv1a(text));
+    }
+    std::fclose(f);
+    std::printf("%zu records written to %s\n", records.size(), file.c_str());
+    return 0;
+  }
+  std::map<std::string, std::string> expected;
+  {
+    std::ifstream in(file);
+    std::string name, hash;
+    while (in >> name >> hash) expected[name] = hash;
+  }
+  int passed = 0, failed = 0;
+  for (const auto& [name, text] : records) {
+    char hash[32];
+    std::snprintf(hash, sizeof hash, "%016" PRIx64, fnv1a(text));
+    const auto it = expected.find(name);
+    if (it == expected.end() || it->second != hash) {
+      ++failed;
+      std::printf("MISMATCH %s: expected %s, got %s\n", name.c_str(),
+                  it == expected.end() ? "(none)" : it->second.c_str(), hash);
+    } else {
+      ++passed;
+    }
+  }
+  if (expected.size() != static_cast<size_t>(passed + failed) && !full) {
+    // every committed record must be produced: a shrunken corpus is a failure
+    for (const auto& [name, hash] : expected) {
+      bool seen = false;
+      for (const auto& rec : records) seen = seen || rec.first == name;
+      if (!seen) {
+        ++failed;
+        std::printf("MISSING %s\n", name.c_str());
+      }
+    }
+  }
+  std::printf("%d passed, %d failed\n", passed, failed);
+  return failed == 0 ? 0 : 1;
+}
