@@ -237,7 +237,9 @@ TEST(QpDirection, CoupledTailAfterDeletion) {
     expectZero(project(s, d.p, 0, s.k), kTol, "A'p");
     // the zero pivot coupled to the tail gives p'Hp = -2 |coupling|^2 (the
     // product of the unit step on the new position with the couplings)
-    if (h00 == 0.0) EXPECT_NEAR(-2.0, dotv(d.p, hmul(s, d.p)), kTol);
+    if (h00 == 0.0) {
+      EXPECT_NEAR(-2.0, dotv(d.p, hmul(s, d.p)), kTol);
+    }
   }
 }
 
