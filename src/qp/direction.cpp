@@ -6,6 +6,7 @@
 #include "kernels/blas.h"
 #include "kernels/index.h"
 #include "qp/factors.h"
+#include "qp/products.h"
 
 namespace lumbra::qp {
 
@@ -76,7 +77,9 @@ void qpDirection(const double* Z, const int& ldq, const double* T, const int& ld
   if (st >= 0) {
     alpha = 1.0;
     if (mode == 0) {
-      for (i64 j = 0; j < nz; ++j) y[j] = -dot(n, &Z[at(0, nz - 1 - j, ldq)], 1, g, 1);
+      // column c of Z goes to y(nz-1-c)
+      qpColumnDots(Z, ldq, n, nz, g, y + nz - 1, -1);
+      for (i64 j = 0; j < nz; ++j) y[j] = -y[j];
     } else if (mode == 1) {
       c = -dot(n, &Z[at(0, 0, ldq)], 1, g, 1);
     } else if (mode == 10) {
@@ -226,9 +229,7 @@ void qpDirection(const double* Z, const int& ldq, const double* T, const int& ld
     // Z times y read backwards, through the second half of y
     const int nzi = nz, one = 1, back = -1;
     dcopy_(&nzi, y, &one, &y[nz], &back);
-    const char trans = 'N';
-    const double oneD = 1.0, zero = 0.0;
-    dgemv_(&trans, &n, &nzi, &oneD, Z, &ldq, &y[nz], &one, &zero, p, &one, 1);
+    qpColumnCombination(Z, ldq, n, nz, &y[nz], p);
   } else {
     for (i64 i = 0; i < n; ++i) p[i] = 0.0;
   }

@@ -12,6 +12,7 @@
 #include "kernels/blas.h"
 #include "kernels/index.h"
 #include "qp/factors.h"
+#include "qp/products.h"
 
 namespace lumbra::qp {
 
@@ -34,8 +35,8 @@ double nrm2(i64 n, const double* x, i64 inc) {
 // u = H z from the lower triangle of H, grouped per row as
 // u(i) = H(i,0:i) z(0:i) + H(i+1:n-1,i)' z(i+1:n-1).  The row part is
 // accumulated column by column (ascending j, contiguous), the column part is
-// a contiguous dot: the same sums as a strided row product, without reading
-// H across its rows.
+// a sequential dot down each column, eight columns side by side: the same
+// sums as a strided row product, without reading H across its rows.
 void symLowerMulVec(const double* H, i64 ldh, i64 n, const double* z, double* u) {
   for (i64 i = 0; i < n; ++i) u[i] = 0.0;
   for (i64 j = 0; j < n; ++j) {
@@ -43,8 +44,7 @@ void symLowerMulVec(const double* H, i64 ldh, i64 n, const double* z, double* u)
     const double* h = &H[at(0, j, ldh)];
     for (i64 i = j; i < n; ++i) u[i] += h[i] * zj;
   }
-  for (i64 i = 0; i + 1 < n; ++i)
-    u[i] = u[i] + dot(n - i - 1, &H[at(i + 1, i, ldh)], 1, &z[i + 1], 1);
+  qpLowerColumnDotsAdd(H, ldh, n, z, u);
 }
 
 // z' H z with u = H z formed in w: sum_i z(i) u(i), in order.
@@ -562,8 +562,9 @@ void ANFM06(const double* z, const int& ldq, double* HR, const int& ldr, double*
   // T one column left: column j keeps its j+1 entries
   for (i64 j = 0; j < nz0; ++j)
     for (i64 i = 0; i <= j; ++i) T[at(i, j, ldr)] = T[at(i, j + 1, ldr)];
-  // v(i) = z_i' H z, z_i = column (n-1-i) of Q = z + (nz0 - i) columns
-  for (i64 i = 0; i < nz0; ++i) v[i] = dot(n, &z[at(0, nz0 - i, ldq)], 1, w, 1);
+  // v(i) = z_i' H z, z_i = column (n-1-i) of Q = z + (nz0 - i) columns:
+  // column 1 + c from z goes to v(nz0-1-c)
+  qpColumnDots(&z[at(0, 1, ldq)], ldq, n, nz0, w, v + nz0 - 1, -1);
   for (i64 i = 0; i < nz0; ++i) w[i] = v[ipvt[i] - 1];
   ipvt[nz0] = static_cast<int>(nz0 + 1);
   if (r > 0) {

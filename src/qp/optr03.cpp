@@ -10,6 +10,7 @@
 #include "kernels/blas.h"
 #include "kernels/index.h"
 #include "qp/factors.h"
+#include "qp/products.h"
 #include "qp/solver.h"
 
 namespace lumbra::qp {
@@ -123,7 +124,7 @@ void factorAfresh(Loop& L, int flag) {
 // The row products are accumulated in one sweep over the columns, term
 // j after term j - 1 for every row, which is the order of a sequential
 // strided dot product but reads the triangle contiguously; the column
-// products are contiguous dot products.
+// products are sequential dot products, eight of them side by side.
 void gradient(Loop& L) {
   const i64 n = L.n;
   double* G = L.G;
@@ -133,18 +134,18 @@ void gradient(Loop& L) {
     const double* h = L.HR + at(0, j, L.ldh);
     for (i64 i = j; i < n; ++i) G[i] = G[i] + h[i] * xj;
   }
-  for (i64 i = 0; i < n; ++i) {
-    const double s2 = dot(n - i - 1, L.HR + at(i + 1, i, L.ldh), L.x + i + 1);
-    G[i] = G[i] + s2 + L.g[i];
-  }
+  qpLowerColumnDotsAdd(L.HR, L.ldh, n, L.x, G);  // G(i) += H(i+1:n-1,i)' x(i+1:n-1)
+  for (i64 i = 0; i + 1 < n; ++i) G[i] = G[i] + L.g[i];
+  // the last row has an empty column product, which adds as 0.0
+  if (n >= 1) G[n - 1] = G[n - 1] + 0.0 + L.g[n - 1];
   if (L.scale != 1.0)
     for (i64 i = 0; i < n; ++i) G[i] = G[i] * L.scale;
 }
 
 // y(j) = q_(n-1-j)' G, j = 0..nz-1, and its size relative to G.
 void reducedGradient(Loop& L) {
-  for (i64 j = 0; j < L.nz; ++j)
-    L.y[j] = dot(L.n, L.Q + at(0, L.n - 1 - j, L.ldq), L.G);
+  // column n - nz + c of Q goes to y(nz-1-c)
+  qpColumnDots(L.Q + at(0, L.n - L.nz, L.ldq), L.ldq, L.n, L.nz, L.G, L.y + L.nz - 1, -1);
   if (!L.vertex) {
     L.relGrad = dnrm2_(&L.nz, L.y, &kOne) / (qpAbsMax(L.n, L.G) + 1.0);
   } else {
@@ -189,7 +190,8 @@ int deleteConstraint(Loop& L) {
 int multipliersAndDeletion(Loop& L) {
   const i64 k = L.kact;
   // lambda: R lambda = v, v(j) = -q_j' G
-  for (i64 j = 0; j < k; ++j) L.mult[j] = -dot(L.n, L.Q + at(0, j, L.ldq), L.G);
+  qpColumnDots(L.Q, L.ldq, L.n, k, L.G, L.mult, 1);
+  for (i64 j = 0; j < k; ++j) L.mult[j] = -L.mult[j];
   qpTriSolve(R(L), L.ldh, L.kact, L.mult, L.mult, 2);
   if (L.kact <= L.kcur) return 0;
   for (int j = L.kcur + 1; j <= L.kact; ++j)

@@ -1,0 +1,33 @@
+// Dot products and matrix-vector products of the QP solver, several at a
+// time.
+//
+// Every inner product here is the plain sequential sum s = 0.0, then
+// s = s + a(i) x(i) for ascending i: the sum that the reference DDOT forms
+// (its unrolled loop adds its five products one after the other), and every
+// matrix-vector product is the column-after-column sweep of the reference
+// DGEMV with beta 0.  A single such sum is bound by the latency of the
+// addition; these routines run up to eight independent sums side by side,
+// so that the additions overlap, while each sum keeps its own terms in its
+// own order.  The results are the same bits as one DDOT per sum.
+#pragma once
+#include "kernels/index.h"
+
+namespace lumbra::qp {
+
+// out(j * step) = A(0:m-1,j)' x(0:m-1) for j = 0..cols-1; step may be
+// negative (out then points at the place of column 0).
+void qpColumnDots(const double* A, i64 lda, i64 m, i64 cols, const double* x, double* out,
+                  i64 step);
+
+// u(i) = u(i) + H(i+1:n-1,i)' z(i+1:n-1) for i = 0..n-2: the part of H z
+// that lies strictly below the diagonal of the stored lower triangle, read
+// down the columns.  u(n-1) is not touched.
+void qpLowerColumnDotsAdd(const double* H, i64 ldh, i64 n, const double* z, double* u);
+
+// y(0:m-1) = A(0:m-1,0:cols-1) x, as DGEMV 'N' with alpha 1 and beta 0
+// forms it: y = 0, then y(i) = y(i) + x(j) A(i,j) for j = 0..cols-1.
+// Nothing is written when cols < 1 (DGEMV returns at once then).
+void qpColumnCombination(const double* A, i64 lda, i64 m, i64 cols, const double* x,
+                         double* y);
+
+}  // namespace lumbra::qp
