@@ -179,6 +179,17 @@ void matGram(const int& m, const int& n, const double* X, double* C) {
     for (i64 i = j + 1; i < n; ++i) C[at(i, j, n)] = C[at(j, i, n)];
 }
 
+// C := Y Y', Y n by m with leading dimension n: the Gram matrix of the
+// rows of Y, that is X' X for X = Y'.  DSYRK's rank-m update runs down
+// contiguous columns, and each C(i,j) is still the sum over the m columns in
+// column order (reference BLAS), as in matGram on the transposed matrix.
+void matGramRows(const int& n, const int& m, const double* Y, double* C) {
+  if (m < 1 || n < 1) return;
+  dsyrk_("U", "N", &n, &m, &kUnit, Y, &n, &kZero, C, &n, 1, 1);
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = j + 1; i < n; ++i) C[at(i, j, n)] = C[at(j, i, n)];
+}
+
 // y := A' x
 void matTransMulVec(const int& n, const double* A, const double* x, double* y) {
   if (n < 1) return;

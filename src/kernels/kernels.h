@@ -40,6 +40,8 @@ void matAddDiag(const int& n, const double* A, const double& c, double* B);
 void matTrace(const int& n, const double* A, double& r);
 void matMul(const int& n, const double* A, const double* B, double* C);
 void matGram(const int& m, const int& n, const double* X, double* C);
+// C := Y Y' for Y n by m (leading dimension n): matGram of Y'.
+void matGramRows(const int& n, const int& m, const double* Y, double* C);
 void matTransMulVec(const int& n, const double* A, const double* x, double* y);
 void matLowerMulVec(const int& n, const double* L, const double* x, double* y);
 void matQuadForm(const int& n, const double* A, const double* x, double& r);

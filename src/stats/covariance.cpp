@@ -22,7 +22,9 @@ double covarianceScale(int T) {
   return static_cast<double>(one / denominator);
 }
 
-// Cov := scale * C' C for the centred T by n table C.
+// Cov := scale * C' C for the centred table C, which is held transposed
+// (n by T, one observation per column): the Gram product then runs as a
+// rank-T update over contiguous columns, with the same sums.
 void modelingCovFromCentered(const int& T, const int& n, const double* C, double* Cov,
                              int& status) {
   if (T < 2) {
@@ -30,17 +32,18 @@ void modelingCovFromCentered(const int& T, const int& n, const double* C, double
     return;
   }
   status = 0;
-  matGram(T, n, C, Cov);
+  matGramRows(n, T, C, Cov);
   const double scale = covarianceScale(T);
   matScale(n, n, Cov, scale);
 }
 
-// C(i,j) := X(i,j) - means(j), then the covariance of C.
+// C'(j,i) := X(i,j) - means(j), the centred table transposed (n by T), then
+// the covariance of it.
 void modelingCovCentered(const int& T, const int& n, const double* X, const double* means,
                          double* C, double* Cov, int& status) {
   status = 0;
-  for (i64 j = 0; j < n; ++j)
-    for (i64 i = 0; i < T; ++i) C[at(i, j, T)] = X[at(i, j, T)] - means[j];
+  for (i64 i = 0; i < T; ++i)
+    for (i64 j = 0; j < n; ++j) C[at(j, i, n)] = X[at(i, j, T)] - means[j];
   modelingCovFromCentered(T, n, C, Cov, status);
 }
 

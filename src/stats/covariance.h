@@ -13,6 +13,8 @@ inline constexpr int kStatusDegenerateAsset = 5;
 // estimator's results.
 double covarianceScale(int T);
 
+// The centred scratch C (T*n doubles) holds the centred table transposed,
+// n by T.
 void modelingCovSample(const int& T, const int& n, const double* X, double* means, double* C,
                        double* Cov, int& status);
 void modelingCovCentered(const int& T, const int& n, const double* X, const double* means,
