@@ -7,6 +7,7 @@
 #include "kernels/blas.h"
 #include "kernels/index.h"
 #include "qp/factors.h"
+#include "qp/products.h"
 #include "qp/solver.h"
 
 namespace lumbra::qp {
@@ -243,24 +244,25 @@ int descentDirection(const Problem& p, double* Q, int ldq, double* R, int ldr, i
   const int n = p.n;
   double* d = w + n;
   double* y = w + 2 * i64{n};
-  const char trans = 'T';
-  const char notrans = 'N';
   double nrm = 0.0;
   const int nz = n - kact;
   if (kact < n) {
-    // y(0:nz-1) = Z' w, Z = Q(:,kact:n-1)
-    dgemv_(&trans, &n, &nz, &kUnit, Q + at(0, kact, ldq), &ldq, w, &kOne, &kZero, y, &kOne, 1);
+    // y(0:nz-1) = Z' w, Z = Q(:,kact:n-1), each entry 0 + (its dot product)
+    // as the transposed matrix-vector product forms it
+    qpColumnDots(Q + at(0, kact, ldq), ldq, n, nz, w, y, 1);
+    for (i64 j = 0; j < nz; ++j) y[j] = 0.0 + y[j];
     nrm = dnrm2_(&nz, y, &kOne);
   }
   st.dropPlace = 0;
   st.dropped = 0;
   if (nrm >= kPrecision075) {
-    dgemv_(&notrans, &n, &nz, &kUnit, Q + at(0, kact, ldq), &ldq, y, &kOne, &kZero, d, &kOne, 1);
+    qpColumnCombination(Q + at(0, kact, ldq), ldq, n, nz, y, d);  // d = Z y
     st.s = -dot(n, w, d);
     return 0;
   }
   // Multipliers of the working set: R u = Q(:,0:kact-1)' w.
-  dgemv_(&trans, &n, &kact, &kUnit, Q, &ldq, w, &kOne, &kZero, d, &kOne, 1);
+  qpColumnDots(Q, ldq, n, kact, w, d, 1);
+  for (i64 j = 0; j < kact; ++j) d[j] = 0.0 + d[j];
   qpTriSolve(R, ldr, kact, d, d, 2);
   int place = 0;
   double best = 0.0;
