@@ -24,6 +24,26 @@ double nrm2(i64 n, const double* x) {
   return dnrm2_(&nn, x, &one);
 }
 
+// Forward solve R'x = b for the B unknowns j0..j0+B-1, x(0:j0-1) known:
+// x(j) = (b(j) - R(0:j-1,j)' x(0:j-1)) / R(j,j), each sum taken term after
+// term from 0.0.  The B sums run side by side over the known unknowns, then
+// each takes its terms from the block in turn, as those are solved.
+template <int B>
+void forwardBlock(const double* R, i64 ldr, i64 j0, const double* b, double* x) {
+  double s[B];
+  for (int c = 0; c < B; ++c) s[c] = 0.0;
+  for (i64 i = 0; i < j0; ++i) {
+    const double xi = x[i];
+    for (int c = 0; c < B; ++c) s[c] = s[c] + R[at(i, j0 + c, ldr)] * xi;
+  }
+  for (int c = 0; c < B; ++c) {
+    const i64 j = j0 + c;
+    double sj = s[c];
+    for (i64 i = j0; i < j; ++i) sj = sj + R[at(i, j, ldr)] * x[i];
+    x[j] = (b[j] - sj) / R[at(j, j, ldr)];
+  }
+}
+
 // Scatters the reduced vector out of pivot order: y(ipvt(i)-1) = p(i).
 void scatter(i64 m, const double* p, const int* ipvt, double* y) {
   for (i64 i = 0; i < m; ++i) y[ipvt[i] - 1] = p[i];
@@ -34,12 +54,15 @@ void scatter(i64 m, const double* p, const int* ipvt, double* y) {
 // Triangular solve with the leading m by m upper triangle of R:
 // job 1, R'x = b: x(j) = (b(j) - R(0:j-1,j)' x(0:j-1)) / R(j,j);
 // otherwise R x = b: x(i) = (b(i) - R(i,i+1:m-1) x(i+1:m-1)) / R(i,i).
+// Every product is a sequential sum from 0.0; the forward solve forms eight
+// of them side by side (x may be b: b(j) is read before x(j) is written).
 void qpTriSolve(const double* R, const int& ldr, const int& m, const double* b, double* x,
                 const int& job) {
   if (m <= 0) return;
   if (job == 1) {
-    for (i64 j = 0; j < m; ++j)
-      x[j] = (b[j] - dot(j, &R[at(0, j, ldr)], 1, x, 1)) / R[at(j, j, ldr)];
+    i64 j = 0;
+    for (; j + 8 <= m; j += 8) forwardBlock<8>(R, ldr, j, b, x);
+    for (; j < m; ++j) forwardBlock<1>(R, ldr, j, b, x);
   } else {
     for (i64 i = m - 1; i >= 0; --i)
       x[i] = (b[i] - dot(m - 1 - i, &R[at(i, i + 1, ldr)], ldr, &x[i + 1], 1)) / R[at(i, i, ldr)];
