@@ -34,16 +34,11 @@ double nrm2(i64 n, const double* x, i64 inc) {
 
 // u = H z from the lower triangle of H, grouped per row as
 // u(i) = H(i,0:i) z(0:i) + H(i+1:n-1,i)' z(i+1:n-1).  The row part is
-// accumulated column by column (ascending j, contiguous), the column part is
+// accumulated in ascending j down contiguous columns, the column part is
 // a sequential dot down each column, eight columns side by side: the same
 // sums as a strided row product, without reading H across its rows.
 void symLowerMulVec(const double* H, i64 ldh, i64 n, const double* z, double* u) {
-  for (i64 i = 0; i < n; ++i) u[i] = 0.0;
-  for (i64 j = 0; j < n; ++j) {
-    const double zj = z[j];
-    const double* h = &H[at(0, j, ldh)];
-    for (i64 i = j; i < n; ++i) u[i] += h[i] * zj;
-  }
+  qpLowerRowProducts(H, ldh, n, z, u);
   qpLowerColumnDotsAdd(H, ldh, n, z, u);
 }
 

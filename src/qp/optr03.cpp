@@ -121,19 +121,15 @@ void factorAfresh(Loop& L, int flag) {
 
 // G = H x + g from the lower triangle of H:
 // G(i) = H(i,0:i) x(0:i) + H(i+1:n-1,i)' x(i+1:n-1) + g(i).
-// The row products are accumulated in one sweep over the columns, term
-// j after term j - 1 for every row, which is the order of a sequential
-// strided dot product but reads the triangle contiguously; the column
-// products are sequential dot products, eight of them side by side.
+// The row products are accumulated in sweeps down the columns, eight
+// columns per sweep, term j after term j - 1 for every row, which is the
+// order of a sequential strided dot product but reads the triangle
+// contiguously; the column products are sequential dot products, eight of
+// them side by side.
 void gradient(Loop& L) {
   const i64 n = L.n;
   double* G = L.G;
-  for (i64 i = 0; i < n; ++i) G[i] = 0.0;
-  for (i64 j = 0; j < n; ++j) {
-    const double xj = L.x[j];
-    const double* h = L.HR + at(0, j, L.ldh);
-    for (i64 i = j; i < n; ++i) G[i] = G[i] + h[i] * xj;
-  }
+  qpLowerRowProducts(L.HR, L.ldh, n, L.x, G);  // G(i) = H(i,0:i) x(0:i)
   qpLowerColumnDotsAdd(L.HR, L.ldh, n, L.x, G);  // G(i) += H(i+1:n-1,i)' x(i+1:n-1)
   for (i64 i = 0; i + 1 < n; ++i) G[i] = G[i] + L.g[i];
   // the last row has an empty column product, which adds as 0.0

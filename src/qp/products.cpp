@@ -57,7 +57,35 @@ void combinationBlock(const double* A, i64 lda, i64 m, const double* x, double* 
   }
 }
 
+// u(i) = u(i) + H(i,c0) z(c0) + ... + H(i,c0+B-1) z(c0+B-1) in column
+// order for every row i >= c0, each row taking only the columns j <= i.
+template <int B>
+void rowBlock(const double* H, i64 ldh, i64 n, i64 c0, const double* z, double* u) {
+  double zb[B];
+  for (int b = 0; b < B; ++b) zb[b] = z[c0 + b];
+  for (i64 i = c0; i < c0 + B - 1 && i < n; ++i) {
+    double ui = u[i];
+    for (int b = 0; b < B; ++b)
+      if (c0 + b <= i) ui = ui + H[at(i, c0 + b, ldh)] * zb[b];
+    u[i] = ui;
+  }
+  const double* h = &H[at(0, c0, ldh)];
+  for (i64 i = c0 + B - 1; i < n; ++i) {
+    double ui = u[i];
+    for (int b = 0; b < B; ++b) ui = ui + h[at(i, b, ldh)] * zb[b];
+    u[i] = ui;
+  }
+}
+
 }  // namespace
+
+// u(i) = H(i,0:i) z(0:i) from u = 0, eight columns per sweep.
+void qpLowerRowProducts(const double* H, i64 ldh, i64 n, const double* z, double* u) {
+  for (i64 i = 0; i < n; ++i) u[i] = 0.0;
+  i64 c = 0;
+  for (; c + 8 <= n; c += 8) rowBlock<8>(H, ldh, n, c, z, u);
+  for (; c < n; ++c) rowBlock<1>(H, ldh, n, c, z, u);
+}
 
 // out(j * step) = A(0:m-1,j)' x, eight columns at a time.
 void qpColumnDots(const double* A, i64 lda, i64 m, i64 cols, const double* x, double* out,

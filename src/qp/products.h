@@ -24,6 +24,12 @@ void qpColumnDots(const double* A, i64 lda, i64 m, i64 cols, const double* x, do
 // down the columns.  u(n-1) is not touched.
 void qpLowerColumnDotsAdd(const double* H, i64 ldh, i64 n, const double* z, double* u);
 
+// u(i) = H(i,0:i) z(0:i) for i = 0..n-1: the part of H z on and left of
+// the diagonal of the stored lower triangle, each u(i) formed from 0.0 by
+// adding H(i,j) z(j) for j = 0..i in turn (the order of a strided row dot
+// product), eight columns per sweep down u.
+void qpLowerRowProducts(const double* H, i64 ldh, i64 n, const double* z, double* u);
+
 // y(0:m-1) = A(0:m-1,0:cols-1) x, as DGEMV 'N' with alpha 1 and beta 0
 // forms it: y = 0, then y(i) = y(i) + x(j) A(i,j) for j = 0..cols-1.
 // Nothing is written when cols < 1 (DGEMV returns at once then).
