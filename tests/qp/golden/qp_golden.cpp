@@ -287,7 +287,10 @@ std::string solveRecord(const std::string& name, const Qp& p) {
                        6, iters);
     rec.line("main status %d iterations %d kact %d kcur %d", status, iters, kact, kcur);
     std::string ls = "list";
-    for (int j = 0; j < kact && j < n + m; ++j) ls += " " + std::to_string(list[j]);
+    for (int j = 0; j < kact && j < n + m; ++j) {
+      ls += ' ';
+      ls += std::to_string(list[j]);
+    }
     rec.text += ls + "\n";
     rec.values("xmain", x.data(), n);
     if (want >= 1 && static_cast<size_t>(want) <= w.size() && (status == 0 || status == -3))
