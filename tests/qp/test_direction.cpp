@@ -185,6 +185,9 @@ TEST(QpDirection, NullCurvatureDirection) {
   s.addFirst(testqp::randomVector(n, gen), 0);
   s.addFirst(testqp::randomVector(n, gen), 0);
   s.factorFresh(1);
+  // The two null directions show as zero curvature within a few ulps: which
+  // side of the pivot band they fall on turns on the BLAS's rounding.
+  if (!lumbra::testing::referenceBlas()) GTEST_SKIP() << "rank decision depends on the BLAS";
   ASSERT_EQ(s.st, 2);  // nz = 4, rank 2
   const std::vector<double> g = testqp::randomVector(n, gen);
   Direction d = direct(s, g, 0, 0);

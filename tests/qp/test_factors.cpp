@@ -59,6 +59,9 @@ TEST(QpFactors, DefiniteSequenceKeepsInvariants) {
 // couples the new direction to the tail is repaired by the next addition.
 TEST(QpFactors, SemidefiniteStatusTracksRank) {
   const int n = 8, q = 3;
+  // Zero curvature along the null space shows within a few ulps: which side
+  // of the pivot band it falls on turns on the BLAS's rounding.
+  if (!lumbra::testing::referenceBlas()) GTEST_SKIP() << "rank decisions depend on the BLAS";
   std::mt19937 gen(5);
   FactorState s(n, testqp::randomLowRank(n, q, gen));
   s.addFirst(testqp::randomVector(n, gen), 0);
