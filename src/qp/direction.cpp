@@ -12,18 +12,6 @@ namespace lumbra::qp {
 
 namespace {
 
-double dot(i64 n, const double* x, i64 incx, const double* y, i64 incy) {
-  if (n <= 0) return 0.0;
-  const int nn = static_cast<int>(n), ix = static_cast<int>(incx), iy = static_cast<int>(incy);
-  return ddot_(&nn, x, &ix, y, &iy);
-}
-
-double nrm2(i64 n, const double* x) {
-  if (n <= 0) return 0.0;
-  const int nn = static_cast<int>(n), one = 1;
-  return dnrm2_(&nn, x, &one);
-}
-
 // Forward solve R'x = b for the B unknowns j0..j0+B-1, x(0:j0-1) known:
 // x(j) = (b(j) - R(0:j-1,j)' x(0:j-1)) / R(j,j), each sum taken term after
 // term from 0.0.  The B sums run side by side over the known unknowns, then
@@ -65,7 +53,7 @@ void qpTriSolve(const double* R, const int& ldr, const int& m, const double* b, 
     for (; j < m; ++j) forwardBlock<1>(R, ldr, j, b, x);
   } else {
     for (i64 i = m - 1; i >= 0; --i)
-      x[i] = (b[i] - dot(m - 1 - i, &R[at(i, i + 1, ldr)], ldr, &x[i + 1], 1)) / R[at(i, i, ldr)];
+      x[i] = (b[i] - qpBlasDot(m - 1 - i, &R[at(i, i + 1, ldr)], ldr, &x[i + 1], 1)) / R[at(i, i, ldr)];
   }
 }
 
@@ -104,7 +92,7 @@ void qpDirection(const double* Z, const int& ldq, const double* T, const int& ld
       qpColumnDots(Z, ldq, n, nz, g, y + nz - 1, -1);
       for (i64 j = 0; j < nz; ++j) y[j] = -y[j];
     } else if (mode == 1) {
-      c = -dot(n, &Z[at(0, 0, ldq)], 1, g, 1);
+      c = -qpBlasDot(n, &Z[at(0, 0, ldq)], 1, g, 1);
     } else if (mode == 10) {
       mode = 0;
       for (i64 j = 0; j < nz; ++j) y[j] = -y[j];
@@ -165,7 +153,7 @@ void qpDirection(const double* Z, const int& ldq, const double* T, const int& ld
         else
           d = c * v[qNew];
       } else {
-        d = dot(r, v, 1, yg, 1) - yg[cp];
+        d = qpBlasDot(r, v, 1, yg, 1) - yg[cp];
       }
       if (std::fabs(d) > t) {
         for (i64 i = 0; i < r; ++i) p[i] += d * v[i];
@@ -194,7 +182,7 @@ void qpDirection(const double* Z, const int& ldq, const double* T, const int& ld
     // zero-curvature last position coupled to the tail
     const i64 r = 2 * nz - st;
     for (i64 i = 0; i < r; ++i)
-      p[i] = dot(nz - r - 1, &T[at(i, r, ldt)], ldt, &T[at(r, nz - 1, ldt)], 1) -
+      p[i] = qpBlasDot(nz - r - 1, &T[at(i, r, ldt)], ldt, &T[at(r, nz - 1, ldt)], 1) -
              T[at(i, nz - 1, ldt)];
     const int ri = static_cast<int>(r);
     qpTriSolve(T, ldt, ri, p, p, job2);
@@ -207,12 +195,8 @@ void qpDirection(const double* Z, const int& ldq, const double* T, const int& ld
     // position r-1 carries a row of couplings over a zero pivot
     const i64 r = 3 * nz - st;
     for (i64 i = 0; i + 1 < r; ++i)
-      p[i] = -dot(nz - r, &T[at(i, r, ldt)], ldt, &T[at(r - 1, r, ldt)], ldt);
-    double b = 0.0;
-    if (nz - r > 0) {
-      const int len = static_cast<int>(nz - r), inc = ldt;
-      b = dnrm2_(&len, &T[at(r - 1, r, ldt)], &inc);
-    }
+      p[i] = -qpBlasDot(nz - r, &T[at(i, r, ldt)], ldt, &T[at(r - 1, r, ldt)], ldt);
+    const double b = qpBlasNrm2(nz - r, &T[at(r - 1, r, ldt)], ldt);
     p[r - 1] = -b * b;
     const int ri = static_cast<int>(r);
     qpTriSolve(T, ldt, ri, p, p, job2);
@@ -245,7 +229,7 @@ void qpDirection(const double* Z, const int& ldq, const double* T, const int& ld
     } else {
       for (i64 i = 0; i < n; ++i) p[i] = c * Z[at(i, 0, ldq)];
     }
-  } else if (st == nz && nrm2(nz, y) <= t) {
+  } else if (st == nz && qpBlasNrm2(nz, y, 1) <= t) {
     drop = 1;
     for (i64 i = 0; i < n; ++i) p[i] = 0.0;
   } else if (nz > 0) {
@@ -263,18 +247,18 @@ void qpDirection(const double* Z, const int& ldq, const double* T, const int& ld
     double v;
     bool flip;
     if (dropIn == 0) {
-      v = dot(n, p, 1, g, 1);
+      v = qpBlasDot(n, p, 1, g, 1);
       flip = v > 0.0;
     } else {
       const int ad = dropIn < 0 ? -dropIn : dropIn;
-      v = ad <= n ? p[ad - 1] : dot(n, p, 1, a, 1);
+      v = ad <= n ? p[ad - 1] : qpBlasDot(n, p, 1, a, 1);
       flip = dropIn > 0 ? v > 0.0 : v < 0.0;
     }
     if (flip)
       for (i64 i = 0; i < n; ++i) p[i] = -p[i];
     return;
   }
-  double e = dot(n, p, 1, g, 1);
+  double e = qpBlasDot(n, p, 1, g, 1);
   if (e > 0.0)
     for (i64 i = 0; i < n; ++i) p[i] = -p[i];
   else

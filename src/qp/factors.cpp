@@ -18,20 +18,6 @@ namespace lumbra::qp {
 
 namespace {
 
-// Dot product of n entries with strides, through BLAS.
-double dot(i64 n, const double* x, i64 incx, const double* y, i64 incy) {
-  if (n <= 0) return 0.0;
-  const int nn = static_cast<int>(n), ix = static_cast<int>(incx), iy = static_cast<int>(incy);
-  return ddot_(&nn, x, &ix, y, &iy);
-}
-
-// 2-norm of n entries with stride inc, through BLAS.
-double nrm2(i64 n, const double* x, i64 inc) {
-  if (n <= 0) return 0.0;
-  const int nn = static_cast<int>(n), ix = static_cast<int>(inc);
-  return dnrm2_(&nn, x, &ix);
-}
-
 // u = H z from the lower triangle of H, grouped per row as
 // u(i) = H(i,0:i) z(0:i) + H(i+1:n-1,i)' z(i+1:n-1).  The row part is
 // accumulated in ascending j down contiguous columns, the column part is
@@ -59,7 +45,7 @@ void swapColumns(double* T, i64 ldt, i64 rows, i64 a, i64 b) {
 // basis Q: q_j' a.
 double coefficient(const double* Q, i64 ldq, const double* a, i64 n, int id, i64 j) {
   const i64 row = id < 0 ? -id : id;
-  const double v = row > 0 ? Q[at(row - 1, j, ldq)] : dot(n, &Q[at(0, j, ldq)], 1, a, 1);
+  const double v = row > 0 ? Q[at(row - 1, j, ldq)] : qpBlasDot(n, &Q[at(0, j, ldq)], 1, a, 1);
   return id < 0 ? -v : v;
 }
 
@@ -72,7 +58,7 @@ void rangePart(const double* Q, i64 ldq, double* R, i64 ldr, const double* a, i6
 // The part still to be reduced, w = Q(:,k-1:n-1)' a; returns its 2-norm.
 double nullPart(const double* Q, i64 ldq, const double* a, double* w, i64 n, i64 k, int id) {
   for (i64 j = k - 1; j < n; ++j) w[j - (k - 1)] = coefficient(Q, ldq, a, n, id, j);
-  return nrm2(n - k + 1, w, 1);
+  return qpBlasNrm2(n - k + 1, w, 1);
 }
 
 // Q(:,c0:c0+len-1) -= (Q(:,c0:c0+len-1) w) w', rows in blocks of eight so
@@ -110,8 +96,8 @@ double qpCurvature(const double* H, const int& ldh, const double* Z, const int& 
   const double* zb = &Z[at(0, b - 1, ldz)];
   double sum = 0.0;
   for (i64 i = 0; i < n; ++i)
-    sum += za[i] * (dot(i + 1, &H[at(i, 0, ldh)], ldh, zb, 1) +
-                    dot(n - i - 1, &H[at(i + 1, i, ldh)], 1, &zb[i + 1], 1));
+    sum += za[i] * (qpBlasDot(i + 1, &H[at(i, 0, ldh)], ldh, zb, 1) +
+                    qpBlasDot(n - i - 1, &H[at(i + 1, i, ldh)], 1, &zb[i + 1], 1));
   return sum;
 }
 
@@ -210,7 +196,7 @@ void ANFM02(double* Q, const int& ldq, double* R, const int& ldr, const int& n, 
   for (i64 j = p; j < k; ++j) {  // 0-based column j, pair of rows (j-1, j)
     const double x0 = R[at(j - 1, j, ldr)], y0 = R[at(j, j, ldr)];
     if (y0 == 0.0) continue;
-    double sigma = nrm2(2, &R[at(j - 1, j, ldr)], 1);
+    double sigma = qpBlasNrm2(2, &R[at(j - 1, j, ldr)], 1);
     if (sigma <= kPrecision) continue;
     if (x0 != 0.0) sigma = std::copysign(sigma, x0);
     const double x = x0 / sigma, y = y0 / sigma;
@@ -247,7 +233,7 @@ inline double& diagOf(double* T, i64 ldt, i64 kf, i64 j) { return T[at(kf + j, j
 // used before any finished rows exist, so the diagonal is at (c, c)).
 void updateLaterDiagonals(double* T, i64 ldt, i64 rows, i64 from, i64 L) {
   for (i64 c = from; c < L; ++c)
-    T[at(c, c, ldt)] -= dot(rows, &T[at(0, c, ldt)], 1, &T[at(0, c, ldt)], 1);
+    T[at(c, c, ldt)] -= qpBlasDot(rows, &T[at(0, c, ldt)], 1, &T[at(0, c, ldt)], 1);
 }
 
 }  // namespace
@@ -276,7 +262,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
   double gamma = 1.0;
   for (i64 j = 0; j < L; ++j) {
     double diag = selfCurvature(H, ldh, n, zcol(j), w);  // z_c' H z_c
-    diag -= dot(K, &T[at(0, j, ldt)], 1, &T[at(0, j, ldt)], 1);
+    diag -= qpBlasDot(K, &T[at(0, j, ldt)], 1, &T[at(0, j, ldt)], 1);
     if (flag == 0 && diag < -tenP) {
       kf = n;
       return;
@@ -309,7 +295,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
     tol += eps;
     const i64 rr = K + r;
     if (sw == 0)
-      d = T[at(r, r, ldt)] - dot(rr, &T[at(0, r, ldt)], 1, &T[at(0, r, ldt)], 1);
+      d = T[at(r, r, ldt)] - qpBlasDot(rr, &T[at(0, r, ldt)], 1, &T[at(0, r, ldt)], 1);
     else
       d = diagOf(T, ldt, K, r);
     // growth: a row of large coupling terms means a tiny pivot went before
@@ -350,7 +336,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
     mx = 0.0;
     for (i64 c = r + 1; c < L; ++c) {
       const double t =
-          (dot(n, zcol(c), 1, w, 1) - dot(rr, &T[at(0, c, ldt)], 1, &T[at(0, r, ldt)], 1)) / s;
+          (qpBlasDot(n, zcol(c), 1, w, 1) - qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, r, ldt)], 1)) / s;
       T[at(rr, c, ldt)] = t;
       if (sw == 1) diagOf(T, ldt, K, c) -= t * t;
       mx = std::max(mx, std::fabs(t));
@@ -363,7 +349,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
     r = L - 1;
     const i64 rr = K + r;
     if (sw == 0)
-      d = T[at(r, r, ldt)] - dot(rr, &T[at(0, r, ldt)], 1, &T[at(0, r, ldt)], 1);
+      d = T[at(r, r, ldt)] - qpBlasDot(rr, &T[at(0, r, ldt)], 1, &T[at(0, r, ldt)], 1);
     else
       d = diagOf(T, ldt, K, r);
     if (d > tol) {
@@ -407,7 +393,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
     symLowerMulVec(H, ldh, n, zcol(rp), w);
     for (i64 c = rp + 1; c < L; ++c) {
       const double t =
-          dot(n, zcol(c), 1, w, 1) - dot(rr, &T[at(0, c, ldt)], 1, &T[at(0, rp, ldt)], 1);
+          qpBlasDot(n, zcol(c), 1, w, 1) - qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, rp, ldt)], 1);
       T[at(K + rp, c, ldt)] = t;
       if (std::fabs(t) > big) {
         big = std::fabs(t);
@@ -553,7 +539,7 @@ void ANFM06(const double* z, const int& ldq, double* HR, const int& ldr, double*
   double* v = &HR[at(0, n, ldr)];
 
   symLowerMulVec(HR, ldr, n, z, w);
-  double c = dot(n, z, 1, w, 1);
+  double c = qpBlasDot(n, z, 1, w, 1);
   // T one column left: column j keeps its j+1 entries
   for (i64 j = 0; j < nz0; ++j)
     for (i64 i = 0; i <= j; ++i) T[at(i, j, ldr)] = T[at(i, j + 1, ldr)];
@@ -565,7 +551,7 @@ void ANFM06(const double* z, const int& ldq, double* HR, const int& ldr, double*
   if (r > 0) {
     const int rr = static_cast<int>(r), job = 1;
     qpTriSolve(T, ldr, rr, w, v, job);
-    c -= dot(r, v, 1, v, 1);
+    c -= qpBlasDot(r, v, 1, v, 1);
   }
   bool small = false;
   if (s0 > 0) {
@@ -574,9 +560,9 @@ void ANFM06(const double* z, const int& ldq, double* HR, const int& ldr, double*
     } else {
       // the product runs over st terms of v, which it reads as it is written
       for (i64 j = 0; j < s0; ++j)
-        v[r + j] = w[r + j] - dot(s0, &T[at(0, r + j, ldr)], 1, v, 1);
+        v[r + j] = w[r + j] - qpBlasDot(s0, &T[at(0, r + j, ldr)], 1, v, 1);
     }
-    small = nrm2(s0, &v[r], 1) < tol;
+    small = qpBlasNrm2(s0, &v[r], 1) < tol;
   }
   if (c > tol) {
     const double s = std::sqrt(c);

@@ -3,6 +3,8 @@
 // the reference BLAS.
 #include "qp/products.h"
 
+#include "kernels/blas.h"
+
 namespace lumbra::qp {
 
 namespace {
@@ -113,6 +115,18 @@ void qpColumnCombination(const double* A, i64 lda, i64 m, i64 cols, const double
   i64 j = 0;
   for (; j + 4 <= cols; j += 4) combinationBlock<4>(&A[at(0, j, lda)], lda, m, &x[j], y);
   for (; j < cols; ++j) combinationBlock<1>(&A[at(0, j, lda)], lda, m, &x[j], y);
+}
+
+double qpBlasDot(i64 n, const double* x, i64 incx, const double* y, i64 incy) {
+  if (n <= 0) return 0.0;
+  const int nn = static_cast<int>(n), ix = static_cast<int>(incx), iy = static_cast<int>(incy);
+  return ddot_(&nn, x, &ix, y, &iy);
+}
+
+double qpBlasNrm2(i64 n, const double* x, i64 inc) {
+  if (n <= 0) return 0.0;
+  const int nn = static_cast<int>(n), step = static_cast<int>(inc);
+  return dnrm2_(&nn, x, &step);
 }
 
 }  // namespace lumbra::qp

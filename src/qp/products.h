@@ -36,4 +36,11 @@ void qpLowerRowProducts(const double* H, i64 ldh, i64 n, const double* z, double
 void qpColumnCombination(const double* A, i64 lda, i64 m, i64 cols, const double* x,
                          double* y);
 
+// x' y over n entries with strides, through the BLAS DDOT; 0.0 for n <= 0.
+double qpBlasDot(i64 n, const double* x, i64 incx, const double* y, i64 incy);
+
+// Euclidean norm of n entries with stride inc, through the BLAS DNRM2; 0.0
+// for n <= 0.
+double qpBlasNrm2(i64 n, const double* x, i64 inc);
+
 }  // namespace lumbra::qp
