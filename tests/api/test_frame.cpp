@@ -391,9 +391,3 @@ TEST(VersionProbe, WritesItsSixValues) {
   EXPECT_EQ(2, v[5]);
 }
 
-TEST(StatusMapping, BySignAlone) {
-  EXPECT_EQ(0, api::mapStatus(0));
-  EXPECT_EQ(5, api::mapStatus(-108));
-  EXPECT_EQ(6, api::mapStatus(1007));
-  EXPECT_EQ(6, api::mapStatus(5));
-}

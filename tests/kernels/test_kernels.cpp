@@ -40,17 +40,6 @@ TEST(VectorKernels, MinAndMeanAtTheirEdges) {
   EXPECT_BITEQ(8.5 / 3.0, r);
 }
 
-TEST(VectorKernels, SizesBelowOneLeaveResultsAlone) {
-  const double x[2] = {1.0, 2.0};
-  double y[2] = {kSentinel, kSentinel};
-  double r = kSentinel;
-  vecCopy(0, x, y);
-  vecDot(-1, x, x, r);
-  vecAdd(0, x, x, y);
-  EXPECT_BITEQ(kSentinel, y[0]);
-  EXPECT_BITEQ(kSentinel, r);
-}
-
 TEST(VectorKernels, ArithmeticOnDyadicData) {
   // Every product and sum is exact, so any BLAS gives these bits.
   const double a[3] = {0.5, -1.25, 2.0};
@@ -101,17 +90,6 @@ TEST(MatrixKernels, GramAndProductOnDyadicData) {
   double t = 0.0;
   matTrace(2, P, t);
   EXPECT_BITEQ(29.0, t);
-}
-
-TEST(MatrixKernels, SymmetriseInPlaceAndLowerPart) {
-  double A[4] = {1.0, 2.0, 4.0, 3.0};
-  matSymmetrise(2, A, A);
-  EXPECT_BITEQ(3.0, A[at(0, 1, 2)]);
-  EXPECT_BITEQ(3.0, A[at(1, 0, 2)]);
-  double L[4];
-  matLowerPart(2, A, L);
-  EXPECT_BITEQ(0.0, L[at(0, 1, 2)]);
-  EXPECT_BITEQ(3.0, L[at(1, 0, 2)]);
 }
 
 TEST(MatrixKernels, BoundsStatusesWriteNothingOrKeepWhatWasWritten) {
