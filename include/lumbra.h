@@ -76,7 +76,9 @@ LUMBRA_API int ORXallocSharpeRatio(int* n, double* cov, double* mu, int* nEq,
 
 /* Simple returns over *lag rows: result[nObs-lag][nSeries].
  * nObs >= 2 (301); nSeries >= 1 (302); prices[nObs][nSeries] all > 0 (303,
- * converted); 0 < lag < nObs (304).  Status -103: a price below 1e-30. */
+ * converted); 0 < lag < nObs (304).  Status -103: a price below 1e-30.
+ * result is cleared over nSeries * (nObs - lag) doubles even when the lag
+ * is refused, so size it from the lag passed. */
 LUMBRA_API int ORXmodelingReturns(int* nObs, int* nSeries, double* prices, int* lag,
                                   double* result, int* status);
 
