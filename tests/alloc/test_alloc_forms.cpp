@@ -1,7 +1,7 @@
 // The allocators' problem builders and point checks: the solver form each
-// allocator hands over, and the exact edges of the feasibility tolerance.
-// Everything here is plain copying and scalar arithmetic (or a matrix-vector
-// product over unit columns), so results are compared bit for bit.
+// allocator hands over and the exact edges of the feasibility tolerance.
+// Plain copies and scalar arithmetic (or products over unit columns), so
+// everything is compared bit for bit.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -12,42 +12,36 @@
 
 using namespace lumbra;
 using namespace lumbra::alloc;
+using Vec = std::vector<double>;
 
 namespace {
-
-constexpr double kEps = kFeasibilityTol;
-
+constexpr double kEps = 9.99999993922529e-9;  // single-precision 1e-8
 double up(double v) { return std::nextafter(v, HUGE_VAL); }
 double down(double v) { return std::nextafter(v, -HUGE_VAL); }
-
+void expectBits(const Vec& want, const double* got) {
+  for (size_t k = 0; k < want.size(); ++k) EXPECT_BITEQ(want[k], got[k]) << "position " << k;
+}
 }  // namespace
 
 TEST(AllocForms, MeanVarianceAndTrackingAppendTheReturnRow) {
-  const int n = 3, nEq = 1, nIneq = 1;
-  const std::vector<double> mu = {0.01, 0.02, 0.03};
-  const std::vector<double> cons = {1, 1, 1, 0.5, -0.25, 2};  // budget, one inequality
-  const std::vector<double> rhs = {1.0, 0.75};
-  const std::vector<double> q = {0.004, -0.001, 0.002};
-  std::vector<double> C(n * 3, -9.0), d(3, -9.0), c(n, -9.0);
+  const int n = 3;
+  const Vec mu = {0.01, 0.02, 0.03}, q = {0.004, -0.001, 0.002};
+  const Vec cons = {1, 1, 1, 0.5, -0.25, 2}, rhs = {1.0, 0.75};  // budget, one inequality
+  Vec C(n * 3, -9.0), d(3, -9.0), c(n, -9.0);
   int me = -1, mi = -1;
-
-  allocMVBuildProblem(n, mu.data(), 0.015, nEq, nIneq, cons.data(), rhs.data(), me, mi,
-                      C.data(), d.data(), c.data());
+  allocMVBuildProblem(n, mu.data(), 0.015, 1, 1, cons.data(), rhs.data(), me, mi, C.data(),
+                      d.data(), c.data());
   EXPECT_EQ(1, me);
   EXPECT_EQ(2, mi);
-  for (int k = 0; k < 6; ++k) EXPECT_BITEQ(cons[k], C[k]);
+  expectBits(cons, C.data());
   for (int i = 0; i < n; ++i) {
     EXPECT_BITEQ(-mu[i], C[at(i, 2, n)]);
     EXPECT_BITEQ(0.0, c[i]);
   }
-  EXPECT_BITEQ(1.0, d[0]);
-  EXPECT_BITEQ(0.75, d[1]);
-  EXPECT_BITEQ(-0.015, d[2]);
-
-  // The return limit is -(excess + benchReturn), summed in that order:
-  // 0.1 + 0.2 is not 0.3 in binary, which tells the sum from a subtraction.
-  allocITBuildProblem(n, 0.2, mu.data(), q.data(), 0.1, nEq, nIneq, cons.data(), rhs.data(),
-                      me, mi, C.data(), d.data(), c.data());
+  expectBits({1.0, 0.75, -0.015}, d.data());
+  // Limit -(excess + benchReturn) in that order: 0.1 + 0.2 is not 0.3.
+  allocITBuildProblem(n, 0.2, mu.data(), q.data(), 0.1, 1, 1, cons.data(), rhs.data(), me, mi,
+                      C.data(), d.data(), c.data());
   EXPECT_EQ(1, me);
   EXPECT_EQ(2, mi);
   EXPECT_BITEQ(-(0.1 + 0.2), d[2]);
@@ -58,112 +52,77 @@ TEST(AllocForms, MeanVarianceAndTrackingAppendTheReturnRow) {
 }
 
 TEST(AllocForms, SharpeProblemIsHomogeneousAndSkipsEqualities) {
-  const int n = 2, nEq = 1, nIneq = 1, N = n + 1;
-  const std::vector<double> mu = {0.05, 0.08};
-  // Equality column (3, 4) must not appear; inequality column (0.5, 1) <= 0.7.
-  const std::vector<double> cons = {3, 4, 0.5, 1};
-  const std::vector<double> rhs = {9.0, 0.7};
-  const std::vector<double> lower = {-0.5, 0.25}, upper = {1.5, 0.75};
-  const int K = nIneq + 2 * n + 2;
-  std::vector<double> C(N * K, -9.0), d(K, -9.0);
+  // The equality column (3, 4) must not appear; the inequality (0.5, 1) <= 0.7 does.
+  const int n = 2, N = n + 1, K = 1 + 2 * n + 2;
+  const Vec mu = {0.05, 0.08}, cons = {3, 4, 0.5, 1}, rhs = {9.0, 0.7};
+  const Vec lower = {-0.5, 0.25}, upper = {1.5, 0.75};
+  Vec C(N * K, -9.0), d(K, -9.0);
   int me = 0, mi = 0;
-  allocSharpeBuildProblem(n, mu.data(), 0.01, nEq, nIneq, cons.data(), rhs.data(),
-                          lower.data(), upper.data(), me, mi, C.data(), d.data());
+  allocSharpeBuildProblem(n, mu.data(), 0.01, 1, 1, cons.data(), rhs.data(), lower.data(),
+                          upper.data(), me, mi, C.data(), d.data());
   EXPECT_EQ(2, me);
-  EXPECT_EQ(nIneq + 2 * n, mi);
-  const std::vector<double> expectC = {
-      1, 1, -1,              // sum(y) - tau = 0
-      0.05, 0.08, -0.01,     // mu'y - rf tau = 1
-      0.5, 1, -0.7,          // A'y - b tau <= 0
-      -1, 0, -0.5, 0, -1, 0.25,  // -y_i + lower_i tau <= 0
-      1, 0, -1.5, 0, 1, -0.75};  // y_i - upper_i tau <= 0
-  const std::vector<double> expectD = {0, 1, 0, 0, 0, 0, 0};
-  for (int k = 0; k < N * K; ++k) EXPECT_BITEQ(expectC[k], C[k]) << "position " << k;
-  for (int k = 0; k < K; ++k) EXPECT_BITEQ(expectD[k], d[k]) << "row " << k;
+  EXPECT_EQ(1 + 2 * n, mi);
+  const Vec expectC = {1, 1, -1,                   // sum(y) - tau = 0
+                       0.05, 0.08, -0.01,          // mu'y - rf tau = 1
+                       0.5, 1, -0.7,               // A'y - b tau <= 0
+                       -1, 0, -0.5, 0, -1, 0.25,   // -y_i + lower_i tau <= 0
+                       1, 0, -1.5, 0, 1, -0.75};   // y_i - upper_i tau <= 0
+  expectBits(expectC, C.data());
+  expectBits({0, 1, 0, 0, 0, 0, 0}, d.data());
 }
 
 TEST(AllocForms, AuxiliaryProblemPadsTheConstraintsWithAZeroRow) {
-  const int n = 2, me = 1, mi = 1, N = 3;
-  const std::vector<double> C = {1, 2, 3, 4};
-  const std::vector<double> lower = {-1.5, 0}, upper = {2, 0.5};
-  std::vector<double> lo(N, 7), hi(N, 7), CAux(N * 2, 7), H(N * N, 7), c(N, 7);
+  const int N = 3;
+  const Vec C = {1, 2, 3, 4}, lower = {-1.5, 0}, upper = {2, 0.5};
+  Vec lo(N, 7), hi(N, 7), CAux(N * 2, 7), H(N * N, 7), c(N, 7);
   int status = 99;
-  buildAuxiliaryProblem(n, lower.data(), upper.data(), me, mi, C.data(), N, lo.data(),
-                        hi.data(), CAux.data(), H.data(), c.data(), status);
+  buildAuxiliaryProblem(2, lower.data(), upper.data(), 1, 1, C.data(), N, lo.data(), hi.data(),
+                        CAux.data(), H.data(), c.data(), status);
   EXPECT_EQ(0, status);
-  EXPECT_EQ((std::vector<double>{-1.5, 0, -1}), lo);
-  EXPECT_EQ((std::vector<double>{2, 0.5, 999999986991104.0}), hi);
-  EXPECT_EQ((std::vector<double>{1, 2, 0, 3, 4, 0}), CAux);
-  EXPECT_EQ(std::vector<double>(N * N, 0.0), H);
-  EXPECT_EQ((std::vector<double>{0, 0, 1}), c);
+  EXPECT_EQ((Vec{-1.5, 0, -1}), lo);
+  EXPECT_EQ((Vec{2, 0.5, 999999986991104.0}), hi);  // single-precision 1e15
+  EXPECT_EQ((Vec{1, 2, 0, 3, 4, 0}), CAux);
+  EXPECT_EQ(Vec(N * N, 0.0), H);
+  EXPECT_EQ((Vec{0, 0, 1}), c);
 }
 
-// Unit columns make every r_j = C_j' x a copy of one x_i, so each residual
-// is known exactly and the tolerance can be probed at its last bit.
 TEST(AllocForms, VerificationPassesAtTheToleranceAndFailsOneBitBeyond) {
-  const int n = 2;
-  const std::vector<double> C = {1, 0, 0, 1};  // equality on x0, inequality on x1
-  const std::vector<double> d = {0.0, 0.5};
-  const std::vector<double> lower = {-1, -1}, upper = {1, 1};
-  std::vector<double> work(2);
-  auto check = [&](double x0, double x1, const std::vector<double>& lo,
-                   const std::vector<double>& hi) {
-    const double x[2] = {x0, x1};
-    int status = 12345;
-    verifySolution(n, x, 1, 1, C.data(), d.data(), lo.data(), hi.data(), work.data(), status);
-    return status;
+  // Unit columns make each residual a copy of one x_i, so the strict
+  // comparisons can be probed at their last bit: equality on x0 = 0,
+  // inequality x1 <= 0.5, bounds [-1, 1] unless a case moves one to 0
+  // (where x -/+ eps is exact).
+  const Vec C = {1, 0, 0, 1}, d = {0.0, 0.5};
+  const double edge = 0.5 + kEps;
+  const struct { double x0, x1, lo1, up1; int status; } cases[] = {
+      {kEps, edge, -1, 1, 0},           {-kEps, 0, -1, 1, 0},
+      {up(kEps), 0, -1, 1, -100},       {down(-kEps), 0, -1, 1, -100},
+      {0, up(edge), -1, 1, -100},       {0, -kEps, 0, 1, 0},
+      {0, down(-kEps), 0, 1, -100},     {0, kEps, -1, 0, 0},
+      {0, up(kEps), -1, 0, -100},
+      {NAN, 0, -1, 1, 0},  // NaN compares false: the solver must catch it
   };
-  const double ineqEdge = 0.5 + kEps;
-  EXPECT_EQ(0, check(kEps, ineqEdge, lower, upper));
-  EXPECT_EQ(0, check(-kEps, 0.0, lower, upper));
-  EXPECT_EQ(-100, check(up(kEps), 0.0, lower, upper));
-  EXPECT_EQ(-100, check(down(-kEps), 0.0, lower, upper));
-  EXPECT_EQ(-100, check(0.0, up(ineqEdge), lower, upper));
-  // Bounds: lower > x + eps and x - eps > upper, on the inequality variable,
-  // with a bound at 0 so that x -/+ eps is exact.
-  EXPECT_EQ(0, check(0.0, -kEps, {-1, 0}, upper));
-  EXPECT_EQ(-100, check(0.0, down(-kEps), {-1, 0}, upper));
-  EXPECT_EQ(0, check(0.0, kEps, lower, {1, 0}));
-  EXPECT_EQ(-100, check(0.0, up(kEps), lower, {1, 0}));
-  // A NaN compares false everywhere, so it passes the check: the solver
-  // and not the verification has to catch it.
-  EXPECT_EQ(0, check(NAN, 0.0, lower, upper));
+  Vec work(2);
+  for (const auto& k : cases) {
+    const double x[2] = {k.x0, k.x1}, lo[2] = {-1, k.lo1}, hi[2] = {1, k.up1};
+    int status = 12345;
+    verifySolution(2, x, 1, 1, C.data(), d.data(), lo, hi, work.data(), status);
+    EXPECT_EQ(k.status, status) << "x = " << k.x0 << ", " << k.x1;
+  }
 }
 
 TEST(AllocForms, TrackingVerificationDropsAWarningAndTestsTheExcessReturn) {
-  const int n = 2;
-  const std::vector<double> mu = {0.25, 0.5};
-  const std::vector<double> cons = {1, 1};  // budget
-  const std::vector<double> rhs = {1.0};
-  const std::vector<double> lower = {0, 0}, upper = {1, 1};
-  const std::vector<double> w = {0.5, 0.5};  // mu'w = 0.375 exactly
-  std::vector<double> work(1);
-  const double benchReturn = 0.125;
-  const double edge = kEps + 0.375 - benchReturn;  // as the test reads
-  int status = 1007;
-  allocITVerify(n, w.data(), mu.data(), benchReturn, 1, 0, cons.data(), rhs.data(),
-                lower.data(), upper.data(), edge, work.data(), status);
-  EXPECT_EQ(0, status);
-  status = 1001;
-  allocITVerify(n, w.data(), mu.data(), benchReturn, 1, 0, cons.data(), rhs.data(),
-                lower.data(), upper.data(), up(edge), work.data(), status);
-  EXPECT_EQ(-100, status);
-  // A point off the budget fails however low the required excess.
-  const std::vector<double> off = {0.5, 0.5 + 1.0 / 1024};
-  allocITVerify(n, off.data(), mu.data(), benchReturn, 1, 0, cons.data(), rhs.data(),
-                lower.data(), upper.data(), -1.0, work.data(), status);
-  EXPECT_EQ(-100, status);
-}
-
-TEST(AllocForms, CarvingFollowsTheDocumentedOffsets) {
-  // n = 3 and m = 2: c at 0, multipliers at n, d at 2n + m + 1, C at
-  // 2n + 2m + 2, scratch n (m + 1) further on.
-  std::vector<double> work(64);
-  AllocLayout w;
-  allocCarve(3, 2, work.data(), w);
-  EXPECT_EQ(0, w.c - work.data());
-  EXPECT_EQ(3, w.multipliers - work.data());
-  EXPECT_EQ(9, w.d - work.data());
-  EXPECT_EQ(12, w.C - work.data());
-  EXPECT_EQ(21, w.scratch - work.data());
+  // Budget on two assets, mu'w = 0.375 exactly; the excess edge is computed
+  // as the check reads it, and an incoming warning status must not survive.
+  const Vec mu = {0.25, 0.5}, cons = {1, 1}, rhs = {1.0}, lo = {0, 0}, hi = {1, 1};
+  const Vec w = {0.5, 0.5}, off = {0.5, 0.5 + 1.0 / 1024};
+  const double bench = 0.125, edge = kEps + 0.375 - bench;
+  Vec work(1);
+  auto verify = [&](const Vec& x, double excess, int status) {
+    allocITVerify(2, x.data(), mu.data(), bench, 1, 0, cons.data(), rhs.data(), lo.data(),
+                  hi.data(), excess, work.data(), status);
+    return status;
+  };
+  EXPECT_EQ(0, verify(w, edge, 1007));
+  EXPECT_EQ(-100, verify(w, up(edge), 1001));
+  EXPECT_EQ(-100, verify(off, -1.0, 0));  // off the budget, however low the excess
 }
