@@ -24,30 +24,27 @@ void expectBits(const Vec& want, const double* got) {
 }  // namespace
 
 TEST(AllocForms, MeanVarianceAndTrackingAppendTheReturnRow) {
+  // Caller's columns (budget, one inequality) copied, then -mu <= -limit;
+  // tracking sets c = -q and the limit -(excess + benchReturn), summed in
+  // that order (0.1 + 0.2 is not 0.3 in binary).
   const int n = 3;
   const Vec mu = {0.01, 0.02, 0.03}, q = {0.004, -0.001, 0.002};
-  const Vec cons = {1, 1, 1, 0.5, -0.25, 2}, rhs = {1.0, 0.75};  // budget, one inequality
-  Vec C(n * 3, -9.0), d(3, -9.0), c(n, -9.0);
-  int me = -1, mi = -1;
-  allocMVBuildProblem(n, mu.data(), 0.015, 1, 1, cons.data(), rhs.data(), me, mi, C.data(),
-                      d.data(), c.data());
-  EXPECT_EQ(1, me);
-  EXPECT_EQ(2, mi);
-  expectBits(cons, C.data());
-  for (int i = 0; i < n; ++i) {
-    EXPECT_BITEQ(-mu[i], C[at(i, 2, n)]);
-    EXPECT_BITEQ(0.0, c[i]);
-  }
-  expectBits({1.0, 0.75, -0.015}, d.data());
-  // Limit -(excess + benchReturn) in that order: 0.1 + 0.2 is not 0.3.
-  allocITBuildProblem(n, 0.2, mu.data(), q.data(), 0.1, 1, 1, cons.data(), rhs.data(), me, mi,
-                      C.data(), d.data(), c.data());
-  EXPECT_EQ(1, me);
-  EXPECT_EQ(2, mi);
-  EXPECT_BITEQ(-(0.1 + 0.2), d[2]);
-  for (int i = 0; i < n; ++i) {
-    EXPECT_BITEQ(-q[i], c[i]);
-    EXPECT_BITEQ(-mu[i], C[at(i, 2, n)]);
+  const Vec cons = {1, 1, 1, 0.5, -0.25, 2}, rhs = {1.0, 0.75};
+  for (bool tracking : {false, true}) {
+    Vec C(n * 3, -9.0), d(3, -9.0), c(n, -9.0);
+    int me = -1, mi = -1;
+    if (tracking)
+      allocITBuildProblem(n, 0.2, mu.data(), q.data(), 0.1, 1, 1, cons.data(), rhs.data(), me,
+                          mi, C.data(), d.data(), c.data());
+    else
+      allocMVBuildProblem(n, mu.data(), 0.015, 1, 1, cons.data(), rhs.data(), me, mi, C.data(),
+                          d.data(), c.data());
+    EXPECT_EQ(1, me);
+    EXPECT_EQ(2, mi);
+    expectBits(cons, C.data());
+    expectBits({-0.01, -0.02, -0.03}, C.data() + 2 * n);
+    expectBits({1.0, 0.75, tracking ? -(0.1 + 0.2) : -0.015}, d.data());
+    expectBits(tracking ? Vec{-0.004, 0.001, -0.002} : Vec(n, 0.0), c.data());
   }
 }
 

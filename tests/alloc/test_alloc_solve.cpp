@@ -182,25 +182,19 @@ TEST(AllocSolve, TrackingReturnsAFeasibleBenchmarkAndReducesToMeanVariance) {
   for (int i = 0; i < kN; ++i) EXPECT_NEAR(mv.w[i], it.w[i], 1e-12) << i;
 }
 
-TEST(AllocSolve, BoundsAndCapsAreHonoured) {
-  // A fixed holding stays fixed; all weights fixed at a feasible point give
-  // that point back; a sector cap (assets 0 and 2 at most 20%) holds.
+TEST(AllocSolve, FixedWeightsStayFixed) {
+  // (Sector caps and a fixed holding among free weights are also covered,
+  // on random universes, by the cvxopt reference test.)
   Problem p = budget();
   p.lower[1] = p.upper[1] = 0.375;
   Result r = run(MV, p, 0.07);
   ASSERT_EQ(0, r.status);
   EXPECT_NEAR(0.375, r.w[1], 1e-12);
   EXPECT_NEAR(1.0, sum(r.w), 1e-12);
-  p.lower = p.upper = {0.25, 0.375, 0.25, 0.125};
+  p.lower = p.upper = {0.25, 0.375, 0.25, 0.125};  // every weight, at a feasible point
   r = run(MV, p, 0.0);
   ASSERT_EQ(0, r.status);
   for (int i = 0; i < kN; ++i) EXPECT_NEAR(p.lower[i], r.w[i], 1e-12) << i;
-  Problem s = budget();
-  s.rows.push_back({1, 0, 1, 0});
-  s.rhs.push_back(0.2);
-  r = run(MV, s, 0.06);
-  ASSERT_EQ(0, r.status);
-  EXPECT_LE(r.w[0] + r.w[2], 0.2 + 1e-12);
 }
 
 TEST(AllocSolve, FailureStatusesOfTheInputsThatProduceThem) {
@@ -237,7 +231,7 @@ TEST(AllocSolve, FailureStatusesOfTheInputsThatProduceThem) {
     EXPECT_EQ(5, r.code) << c.what;
     EXPECT_EQ(c.status, r.status) << c.what;
     // -113 keeps the fully invested weights of the feasibility stage.
-    if (c.status == -113) EXPECT_NEAR(1.0, sum(r.w), 1e-12);
+    EXPECT_TRUE(c.status != -113 || std::fabs(sum(r.w) - 1.0) <= 1e-12) << sum(r.w);
   }
 }
 
