@@ -2,6 +2,7 @@
 // dyadic data, where every ratio is exact.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <vector>
 
 #include "qp/factors.h"
@@ -10,122 +11,68 @@
 namespace lumbra::qp {
 namespace {
 
-struct Ratio {
+using Vec = std::vector<double>;
+constexpr double kFar = 1e300;  // an absent bound
+constexpr int kAny = -99;       // entering not checked
+
+struct Case {
+  const char* what;
   int n, mi;
-  std::vector<double> lower, upper, x, grad, resid, p, cp;
+  Vec p, lower, upper, x, grad, resid, cp;  // empty: absent bounds, zeros, residuals -1
   std::vector<int> ire;
-
-  int kind = 0, entering = -99;
-  double alpha = 0.0;
-
-  Ratio(int n_, int mi_)
-      : n(n_), mi(mi_), lower(n_, -1e300), upper(n_, 1e300), x(n_, 0.0), grad(n_, 0.0),
-        resid(mi_, -1.0), p(n_, 0.0), cp(mi_, 0.0), ire(n_ + mi_, 0) {}
-
-  void run(int kindIn, double alphaIn = 0.0) {
-    std::vector<double> work;
-    work.insert(work.end(), grad.begin(), grad.end());
-    work.insert(work.end(), resid.begin(), resid.end());
-    work.insert(work.end(), p.begin(), p.end());
-    work.insert(work.end(), cp.begin(), cp.end());
-    kind = kindIn;
-    alpha = alphaIn;
-    entering = -99;
-    const int ibnd = 3;
-    qpStepLength(lower.data(), upper.data(), x.data(), alpha, work.data(), ire.data(), entering,
-                 ibnd, n, mi, kind);
-  }
+  int kindIn;
+  double alphaIn;
+  int kind, entering;
+  double alpha;  // NaN: not checked
 };
 
-TEST(QpStepLength, TiesBetweenBoundsGoToFirstVariable) {
-  Ratio r(3, 0);
-  r.p = {0.5, -0.25, 1.0};
-  r.upper = {1.0, 1e300, 3.0};   // x_1 upper at ratio 2
-  r.lower = {-1e300, -0.5, -1e300};  // x_2 lower at ratio 2
-  r.run(0);
-  EXPECT_EQ(r.kind, 1);
-  EXPECT_EQ(r.entering, 1);
-  EXPECT_BITEQ(2.0, r.alpha);
-  // the lower bound of the first variable against the upper of the second
-  r.p = {-0.5, 0.25, 0.0};
-  r.upper = {1e300, 0.5, 1e300};
-  r.lower = {-1.0, -1e300, -1e300};
-  r.run(0);
-  EXPECT_EQ(r.entering, -1);
-  EXPECT_BITEQ(2.0, r.alpha);
-}
-
-TEST(QpStepLength, TiesWithRowsGoToLaterConstraint) {
-  Ratio r(2, 3);
-  r.p = {0.5, 0.0};
-  r.upper = {1.0, 1e300};  // bound ratio 2
-  r.resid = {-1.0, -0.5, -3.0};
-  r.cp = {0.5, 0.25, 1.0};  // row ratios 2, 2, 3
-  r.run(0);
-  EXPECT_EQ(r.entering, 2 + 2);  // the second row, after the bound and the first row
-  EXPECT_BITEQ(2.0, r.alpha);
-  r.ire[2 + 1] = 1;  // the second row is active: the first row now
-  r.run(0);
-  EXPECT_EQ(r.entering, 2 + 1);
-}
-
-TEST(QpStepLength, SkipsZeroRatiosInactiveFarAndTinyMoves) {
-  Ratio r(4, 1);
-  r.x = {1.0, 0.0, 0.0, 0.0};
-  r.upper = {1.0, 1e200, 0.25, 0.125};  // x_1 on its bound: ratio 0
-  r.p = {1.0, 1.0, 1e-12, 1.0};          // x_3 moves less than the tolerance
-  r.ire[3] = 1;                          // x_4 is in the working set
-  r.resid = {-8.0};
-  r.cp = {2.0};  // row ratio 4
-  r.run(0);
-  EXPECT_EQ(r.kind, 1);
-  EXPECT_EQ(r.entering, 5);
-  EXPECT_BITEQ(4.0, r.alpha);
-}
-
-TEST(QpStepLength, PositiveCurvatureKinds) {
-  Ratio r(1, 0);
-  r.p = {0.5};
-  r.upper = {0.5};  // blocking ratio exactly 1
-  r.run(1, 1.0);
-  EXPECT_EQ(r.kind, 3);
-  EXPECT_EQ(r.entering, 1);
-  EXPECT_BITEQ(1.0, r.alpha);
-  r.run(1, 0.5);  // natural step shorter: full step
-  EXPECT_EQ(r.kind, 2);
-  EXPECT_BITEQ(0.5, r.alpha);
-  r.run(1, 4.0);  // natural step longer: blocked
-  EXPECT_EQ(r.kind, 1);
-  EXPECT_EQ(r.entering, 1);
-  EXPECT_BITEQ(1.0, r.alpha);
-}
-
-TEST(QpStepLength, NothingBlocks) {
-  Ratio r(2, 0);
-  r.p = {1.0, -0.5};
-  r.grad = {-1.0, 0.0};
-  r.run(0);  // negative curvature: unbounded
-  EXPECT_EQ(r.kind, -1);
-  r.run(2);  // null curvature going down: unbounded
-  EXPECT_EQ(r.kind, -1);
-  r.grad = {0.5, 1.0};  // p'g = 0: flat, no constraint to add, very long
-  r.run(2);
-  EXPECT_EQ(r.kind, 11);
-  EXPECT_EQ(r.entering, 0);
-  EXPECT_BITEQ(kOverflow, r.alpha);
-}
-
-TEST(QpStepLength, VeryLongStepIsFlagged) {
-  Ratio r(1, 0);
-  r.p = {1.0};
-  r.upper = {33554432.0};  // (1 + 1) * 2^25 = 2^26: not above the limit
-  r.run(0);
-  EXPECT_EQ(r.kind, 1);
-  r.upper = {67108864.0};  // 2 * 2^26 > 2^26
-  r.run(2);
-  EXPECT_EQ(r.kind, 11);
-  EXPECT_EQ(r.entering, 1);
-  EXPECT_BITEQ(67108864.0, r.alpha);
+TEST(QpStepLength, Cases) {
+  const double any = std::nan("");
+  const Case cases[] = {
+      {"bound ties go to the first variable", 3, 0, {0.5, -0.25, 1.0}, {-kFar, -0.5, -kFar},
+       {1.0, kFar, 3.0}, {}, {}, {}, {}, {}, 0, 0.0, 1, 1, 2.0},
+      {"first variable's lower against second's upper", 3, 0, {-0.5, 0.25, 0.0},
+       {-1.0, -kFar, -kFar}, {kFar, 0.5, kFar}, {}, {}, {}, {}, {}, 0, 0.0, 1, -1, 2.0},
+      {"ties with rows go to the later constraint", 2, 3, {0.5, 0.0}, {}, {1.0, kFar}, {}, {},
+       {-1.0, -0.5, -3.0}, {0.5, 0.25, 1.0}, {}, 0, 0.0, 1, 2 + 2, 2.0},
+      {"an active row is passed over", 2, 3, {0.5, 0.0}, {}, {1.0, kFar}, {}, {},
+       {-1.0, -0.5, -3.0}, {0.5, 0.25, 1.0}, {0, 0, 0, 1, 0}, 0, 0.0, 1, 2 + 1, 2.0},
+      // x_1 on its bound (ratio 0), x_2 far, x_3 moves below tolerance, x_4 active
+      {"skips zero, far, tiny and active", 4, 1, {1.0, 1.0, 1e-12, 1.0}, {},
+       {1.0, 1e200, 0.25, 0.125}, {1.0, 0.0, 0.0, 0.0}, {}, {-8.0}, {2.0}, {0, 0, 0, 1, 0}, 0,
+       0.0, 1, 5, 4.0},
+      {"natural step equal to the block", 1, 0, {0.5}, {}, {0.5}, {}, {}, {}, {}, {}, 1, 1.0, 3,
+       1, 1.0},
+      {"natural step shorter: full step", 1, 0, {0.5}, {}, {0.5}, {}, {}, {}, {}, {}, 1, 0.5, 2,
+       kAny, 0.5},
+      {"natural step longer: blocked", 1, 0, {0.5}, {}, {0.5}, {}, {}, {}, {}, {}, 1, 4.0, 1, 1,
+       1.0},
+      {"negative curvature, nothing blocks", 2, 0, {1.0, -0.5}, {}, {}, {}, {-1.0, 0.0}, {}, {},
+       {}, 0, 0.0, -1, kAny, any},
+      {"null curvature downhill, nothing blocks", 2, 0, {1.0, -0.5}, {}, {}, {}, {-1.0, 0.0}, {},
+       {}, {}, 2, 0.0, -1, kAny, any},
+      {"flat, nothing blocks: very long", 2, 0, {1.0, -0.5}, {}, {}, {}, {0.5, 1.0}, {}, {}, {},
+       2, 0.0, 11, 0, kOverflow},
+      {"(1 + 1) 2^25 = 2^26 is not above the limit", 1, 0, {1.0}, {}, {33554432.0}, {}, {}, {},
+       {}, {}, 0, 0.0, 1, kAny, any},
+      {"2^27 > 2^26: flagged", 1, 0, {1.0}, {}, {67108864.0}, {}, {}, {}, {}, {}, 2, 0.0, 11, 1,
+       67108864.0},
+  };
+  for (const Case& c : cases) {
+    auto orFill = [](const Vec& v, int len, double fill) { return v.empty() ? Vec(len, fill) : v; };
+    Vec work = orFill(c.grad, c.n, 0.0), lower = orFill(c.lower, c.n, -kFar),
+        upper = orFill(c.upper, c.n, kFar), x = orFill(c.x, c.n, 0.0);
+    for (const Vec& part : {orFill(c.resid, c.mi, -1.0), c.p, orFill(c.cp, c.mi, 0.0)})
+      work.insert(work.end(), part.begin(), part.end());
+    std::vector<int> ire = c.ire.empty() ? std::vector<int>(c.n + c.mi, 0) : c.ire;
+    int kind = c.kindIn, entering = kAny;
+    double alpha = c.alphaIn;
+    qpStepLength(lower.data(), upper.data(), x.data(), alpha, work.data(), ire.data(), entering,
+                 3, c.n, c.mi, kind);
+    EXPECT_EQ(c.kind, kind) << c.what;
+    EXPECT_EQ(c.entering == kAny ? entering : c.entering, entering) << c.what;
+    EXPECT_BITEQ(std::isnan(c.alpha) ? alpha : c.alpha, alpha) << c.what;
+  }
 }
 
 }  // namespace
