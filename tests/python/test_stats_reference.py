@@ -44,17 +44,15 @@ rng = np.random.default_rng(20261123)
 
 # Ex-post volatility against numpy (ddof = 1): 1e-13 relative for the
 # one-pass formula on well-scaled data.
-x = rng.normal(0.001, 0.02, 500)
-res = np.zeros(1)
+x, res = rng.normal(0.001, 0.02, 500), np.zeros(1)
 code, status = call("ORXanalysisExpostVolatility", i32(len(x)), arr(x), arr(res))
 check(code == 0 and abs(res[0] - x.std(ddof=1)) <= 1e-13 * x.std(ddof=1), "ex-post volatility")
 
 
+# Cornish-Fisher VaR from the portfolio series: sample variance with the
+# single-precision 1/(T-1), skewness and kurtosis normalised by the given V
+# (not the sample covariance), single-precision factors and fractions.
 def modified_var(R, V, w, level):
-    """Cornish-Fisher VaR from the portfolio series: sample variance with the
-    single-precision 1/(T-1), skewness and kurtosis normalised by the given V
-    (not the sample covariance), single-precision small-sample factors and
-    expansion fractions."""
     T, f, one = R.shape[0], np.float32(R.shape[0]), np.float32(1)
     c = R @ w - (R @ w).mean()
     variance = (c @ c) * float(one / np.float32(T - 1))
@@ -88,8 +86,7 @@ for T, n in [(4, 1), (13, 3), (30, 2), (60, 5)]:
 
 # Kernel density against gaussian_kde with the same bandwidth: the kernel
 # constant 0.3989422748506426 is 1.4e-8 relative off 1/sqrt(2 pi), so 1e-7.
-data = rng.normal(0.0, 0.015, 400)
-points = np.linspace(-0.05, 0.05, 41)
+data, points = rng.normal(0.0, 0.015, 400), np.linspace(-0.05, 0.05, 41)
 ref = gaussian_kde(data, bw_method=float(np.float32(1.059))
                    / float(np.float32(len(data)) ** np.float32(0.2)))(points)
 out = np.zeros(len(points))

@@ -1,6 +1,6 @@
 // Normal distribution function and quantile: published values bit for bit,
-// agreement with erfc and with a high-precision tail.  The quantile against
-// scipy over the whole level range is in tests/python/test_stats_reference.py.
+// erfc and a high-precision tail (the quantile against scipy over the whole
+// level range is in tests/python/test_stats_reference.py).
 #include <cmath>
 
 #include "stats/normal.h"
@@ -66,12 +66,6 @@ TEST(NormalQuantile, PublishedValuesAndSymmetry) {
   EXPECT_BITEQ(-1.6448536269514729, normalQuantile(0.05, 0.95));
   EXPECT_BITEQ(-normalQuantile(0.95, 0.05), normalQuantile(0.05, 0.95));
   EXPECT_BITEQ(-1.4900501721371029e-08, normalQuantileStart(0.5));
-  EXPECT_LT(std::fabs(normalQuantile(0.5, 0.5)), 1e-15);
-  // The lowest admissible level runs the distribution function in its
-  // middle region, just above the tail boundary -4 sqrt 2.
-  const double z = normalQuantile(9.99999993922529e-09, 0.9999999900000001);
-  EXPECT_NEAR(-5.612, z, 1e-3);
-  EXPECT_GT(z, -5.656854248);
 }
 
 }  // namespace
