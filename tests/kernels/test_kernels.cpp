@@ -40,58 +40,6 @@ TEST(VectorKernels, MinAndMeanAtTheirEdges) {
   EXPECT_BITEQ(8.5 / 3.0, r);
 }
 
-TEST(VectorKernels, ArithmeticOnDyadicData) {
-  // Every product and sum is exact, so any BLAS gives these bits.
-  const double a[3] = {0.5, -1.25, 2.0};
-  const double b[3] = {4.0, 0.75, -0.5};
-  double z[3];
-  double r = 0.0;
-  vecDot(3, a, b, r);
-  EXPECT_BITEQ(0.5 * 4.0 - 1.25 * 0.75 - 1.0, r);
-  vecSub(3, a, b, z);
-  EXPECT_BITEQ(-3.5, z[0]);
-  EXPECT_BITEQ(-2.0, z[1]);
-  vecAddScaled(3, a, b, 0.25, z);
-  EXPECT_BITEQ(1.5, z[0]);
-  double A[9];
-  vecOuter(3, a, A);
-  EXPECT_BITEQ(-0.625, A[at(0, 1, 3)]);
-  EXPECT_BITEQ(-0.625, A[at(1, 0, 3)]);
-  EXPECT_BITEQ(4.0, A[at(2, 2, 3)]);
-}
-
-TEST(MatrixKernels, QuadFormUsesTheWholeAsymmetricMatrix) {
-  // A = [1 2; 0 1]: x'Ax = x0^2 + 2 x0 x1 + x1^2, the upper coupling counted once.
-  const double A[4] = {1.0, 0.0, 2.0, 1.0};
-  const double x[2] = {3.0, -1.0};
-  double r = -1.0;
-  matQuadForm(2, A, x, r);
-  EXPECT_BITEQ(9.0 - 6.0 + 1.0, r);
-  matQuadForm(0, A, x, r);
-  EXPECT_BITEQ(0.0, r);
-}
-
-TEST(MatrixKernels, GramAndProductOnDyadicData) {
-  // X is 3 by 2; X'X computed by hand.
-  const double X[6] = {1.0, 0.5, -2.0, 0.25, 4.0, 1.0};
-  double C[4];
-  matGram(3, 2, X, C);
-  EXPECT_BITEQ(1.0 + 0.25 + 4.0, C[at(0, 0, 2)]);
-  EXPECT_BITEQ(0.25 + 2.0 - 2.0, C[at(0, 1, 2)]);
-  EXPECT_BITEQ(C[at(0, 1, 2)], C[at(1, 0, 2)]);
-  EXPECT_BITEQ(0.0625 + 16.0 + 1.0, C[at(1, 1, 2)]);
-  const double A[4] = {1.0, 2.0, 3.0, 4.0};  // [1 3; 2 4]
-  double P[4];
-  matMul(2, A, A, P);
-  EXPECT_BITEQ(7.0, P[at(0, 0, 2)]);
-  EXPECT_BITEQ(15.0, P[at(0, 1, 2)]);
-  EXPECT_BITEQ(10.0, P[at(1, 0, 2)]);
-  EXPECT_BITEQ(22.0, P[at(1, 1, 2)]);
-  double t = 0.0;
-  matTrace(2, P, t);
-  EXPECT_BITEQ(29.0, t);
-}
-
 TEST(MatrixKernels, BoundsStatusesWriteNothingOrKeepWhatWasWritten) {
   std::vector<double> A(6, kSentinel);
   const double row[3] = {1.0, 2.0, 3.0};
