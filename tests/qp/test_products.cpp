@@ -21,112 +21,65 @@ using lumbra::at;
 using lumbra::i64;
 using Vec = std::vector<double>;
 
-Vec wideData(std::mt19937_64& rng, i64 count) {
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
-  Vec v(count);
-  for (double& e : v) e = u(rng) * std::exp2(std::floor(40.0 * u(rng)));
-  return v;
-}
-
 double sequentialDot(i64 m, const double* a, const double* x) {
   double s = 0.0;
   for (i64 i = 0; i < m; ++i) s = s + a[i] * x[i];
   return s;
 }
 
-// Column dots, written forwards and (direction -1) backwards, nothing past the end.
-TEST(QpProducts, ColumnDotsMatchSequentialSumsForwardAndReversed) {
+TEST(QpProducts, MatchSequentialSums) {
   std::mt19937_64 rng(11);
-  for (i64 m : {1, 2, 7, 33})
-    for (i64 cols : {0, 1, 3, 4, 5, 8, 9, 12, 17, 25}) {
-      const i64 lda = m + 3;
-      const Vec A = wideData(rng, lda * std::max<i64>(cols, 1)), x = wideData(rng, m);
-      Vec out(cols + 2, 99.0), back(cols + 2, 99.0);
-      lumbra::qp::qpColumnDots(A.data(), lda, m, cols, x.data(), out.data(), 1);
-      if (cols > 0)
-        lumbra::qp::qpColumnDots(A.data(), lda, m, cols, x.data(), back.data() + cols - 1, -1);
-      for (i64 j = 0; j < cols; ++j) {
-        const double ref = sequentialDot(m, &A[at(0, j, lda)], x.data());
-        EXPECT_BITEQ(ref, out[j]) << "m " << m << " cols " << cols << " j " << j;
-        EXPECT_BITEQ(ref, back[cols - 1 - j]);
-      }
-      EXPECT_BITEQ(99.0, out[cols]);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  auto wide = [&](i64 count) {
+    Vec v(std::max<i64>(count, 1));
+    for (double& e : v) e = u(rng) * std::exp2(std::floor(40.0 * u(rng)));
+    return v;
+  };
+  for (i64 n : {1, 2, 3, 7, 8, 9, 12, 17, 25, 33}) {
+    const i64 ld = n + 3;
+    const Vec A = wide(ld * n), x = wide(n);
+    // column dots, forwards and (direction -1) backwards, nothing past the end
+    Vec out(n + 1, 99.0), back(n, 99.0);
+    lumbra::qp::qpColumnDots(A.data(), ld, n, n, x.data(), out.data(), 1);
+    lumbra::qp::qpColumnDots(A.data(), ld, n, n, x.data(), back.data() + n - 1, -1);
+    for (i64 j = 0; j < n; ++j) {
+      const double ref = sequentialDot(n, &A[at(0, j, ld)], x.data());
+      EXPECT_BITEQ(ref, out[j]) << "dots n " << n << " j " << j;
+      EXPECT_BITEQ(ref, back[n - 1 - j]) << "reversed dots n " << n << " j " << j;
     }
-}
-
-// u(i) = H(i,0:i) z(0:i) in row order, then + H(i+1:n-1,i)' z(i+1:n-1).
-TEST(QpProducts, LowerTriangleProductMatchesRowAndColumnSums) {
-  std::mt19937_64 rng(12);
-  for (i64 n : {1, 2, 3, 8, 9, 10, 16, 17, 30}) {
-    const i64 ldh = n + 2;
-    const Vec H = wideData(rng, ldh * n), z = wideData(rng, n);
-    Vec u(n, -5.0);
-    lumbra::qp::qpLowerRowProducts(H.data(), ldh, n, z.data(), u.data());
+    EXPECT_BITEQ(99.0, out[n]);
+    // u(i) = H(i,0:i) x(0:i) in row order, then + H(i+1:n-1,i)' x(i+1:n-1)
+    Vec row(n), full(n);
+    lumbra::qp::qpLowerRowProducts(A.data(), ld, n, x.data(), row.data());
+    full = row;
+    lumbra::qp::qpLowerColumnDotsAdd(A.data(), ld, n, x.data(), full.data());
     for (i64 i = 0; i < n; ++i) {
       double s = 0.0;
-      for (i64 j = 0; j <= i; ++j) s = s + H[at(i, j, ldh)] * z[j];
-      EXPECT_BITEQ(s, u[i]) << "row part, n " << n << " i " << i;
+      for (i64 j = 0; j <= i; ++j) s = s + A[at(i, j, ld)] * x[j];
+      EXPECT_BITEQ(s, row[i]) << "row part n " << n << " i " << i;
+      EXPECT_BITEQ(row[i] + sequentialDot(n - i - 1, &A[at(i + 1, i, ld)], &x[i + 1]), full[i]);
     }
-    Vec full = u;
-    lumbra::qp::qpLowerColumnDotsAdd(H.data(), ldh, n, z.data(), full.data());
-    for (i64 i = 0; i + 1 < n; ++i) {
-      const double s = sequentialDot(n - i - 1, &H[at(i + 1, i, ldh)], &z[i + 1]);
-      EXPECT_BITEQ(u[i] + s, full[i]) << "column part, n " << n << " i " << i;
-    }
-    EXPECT_BITEQ(u[n - 1], full[n - 1]);  // the last row has no column part
-  }
-}
-
-// y = A x column by column from +0.0 (a column of -0 gives +0); no column
-// leaves y as it was, as the BLAS product does.
-TEST(QpProducts, ColumnCombinationSweepsColumnsInOrderFromZero) {
-  std::mt19937_64 rng(13);
-  for (i64 cols : {0, 1, 3, 4, 5, 11}) {
-    const i64 m = 13, lda = 15;
-    const Vec A = wideData(rng, lda * std::max<i64>(cols, 1));
-    const Vec x = wideData(rng, std::max<i64>(cols, 1));
-    Vec y(m, 7.0);
-    lumbra::qp::qpColumnCombination(A.data(), lda, m, cols, x.data(), y.data());
-    for (i64 i = 0; i < m; ++i) {
+    // y = A x column by column from +0.0
+    Vec y(n, 7.0);
+    lumbra::qp::qpColumnCombination(A.data(), ld, n, n, x.data(), y.data());
+    for (i64 i = 0; i < n; ++i) {
       double s = 0.0;
-      for (i64 j = 0; j < cols; ++j) s = s + x[j] * A[at(i, j, lda)];
-      EXPECT_BITEQ(cols == 0 ? 7.0 : s, y[i]) << "cols " << cols << " i " << i;
+      for (i64 j = 0; j < n; ++j) s = s + x[j] * A[at(i, j, ld)];
+      EXPECT_BITEQ(s, y[i]) << "combination n " << n << " i " << i;
     }
-  }
-  const double A[2] = {-0.0, -0.0}, x[1] = {1.0};
-  double y[2] = {3.0, 3.0};
-  lumbra::qp::qpColumnCombination(A, 2, 2, 1, x, y);
-  EXPECT_FALSE(std::signbit(y[0]) || std::signbit(y[1]));
-}
-
-// Forward solve (job 1) x(j) = (b(j) - R(0:j-1,j)' x(0:j-1)) / R(j,j), also
-// in place, bit for bit; the backward solve (job 2) on dyadic data, where
-// every order of operations is exact.
-TEST(QpProducts, TriangularSolves) {
-  std::mt19937_64 rng(14);
-  std::uniform_real_distribution<double> u(0.5, 2.0);
-  for (int m : {1, 7, 8, 9, 16, 21}) {
-    const int ldr = m + 1;
-    Vec R = wideData(rng, i64{ldr} * m);
-    for (i64 j = 0; j < m; ++j) R[at(j, j, ldr)] = u(rng);
-    const Vec b = wideData(rng, m);
-    Vec ref(m), x(m), inPlace = b;
-    for (i64 j = 0; j < m; ++j)
-      ref[j] = (b[j] - sequentialDot(j, &R[at(0, j, ldr)], ref.data())) / R[at(j, j, ldr)];
-    lumbra::qp::qpTriSolve(R.data(), ldr, m, b.data(), x.data(), 1);
-    lumbra::qp::qpTriSolve(R.data(), ldr, m, inPlace.data(), inPlace.data(), 1);
-    for (i64 j = 0; j < m; ++j) {
-      EXPECT_BITEQ(ref[j], x[j]) << "m " << m << " j " << j;
+    // forward solve x(j) = (b(j) - R(0:j-1,j)' x(0:j-1)) / R(j,j), also in place
+    Vec R = A;
+    for (i64 j = 0; j < n; ++j) R[at(j, j, ld)] = 0.5 + std::fabs(u(rng));
+    Vec ref(n), sol(n), inPlace = x;
+    for (i64 j = 0; j < n; ++j)
+      ref[j] = (x[j] - sequentialDot(j, &R[at(0, j, ld)], ref.data())) / R[at(j, j, ld)];
+    lumbra::qp::qpTriSolve(R.data(), ld, n, x.data(), sol.data(), 1);
+    lumbra::qp::qpTriSolve(R.data(), ld, n, inPlace.data(), inPlace.data(), 1);
+    for (i64 j = 0; j < n; ++j) {
+      EXPECT_BITEQ(ref[j], sol[j]) << "solve n " << n << " j " << j;
       EXPECT_BITEQ(ref[j], inPlace[j]);
     }
   }
-  // R = [2 1 -1; 0 4 2; 0 0 0.5], b = R (1.5, -0.25, 2)
-  const Vec R = {2, 0, 0, 1, 4, 0, -1, 2, 0.5}, b = {0.75, 3.0, 1.0};
-  Vec x(3);
-  lumbra::qp::qpTriSolve(R.data(), 3, 3, b.data(), x.data(), 2);
-  EXPECT_BITEQ(1.5, x[0]);
-  EXPECT_BITEQ(-0.25, x[1]);
-  EXPECT_BITEQ(2.0, x[2]);
 }
 
 }  // namespace
