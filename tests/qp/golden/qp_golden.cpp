@@ -8,9 +8,9 @@
 // status, passes of the main loop, x, the multipliers and the objective in
 // hexadecimal (%a), so that every bit and the sign of every zero counts.
 //
-//   lumbra_qp_golden --dump FILE [--full]    full text of every record
-//   lumbra_qp_golden --digest FILE [--full]  one 64-bit FNV-1a hash per record
-//   lumbra_qp_golden --check FILE [--full]   compare with a digest file
+//   lumbra_qp_golden --dump [--full]          full text of every record
+//   lumbra_qp_golden --digest FILE [--full]   one 64-bit FNV-1a hash per record
+//   lumbra_qp_golden --check FILE             compare with a digest file
 //
 // --full adds the n = 500 bench problem (about half a second).  The digests
 // hold for the reference BLAS: another BLAS (OpenBLAS picks kernels per CPU)
@@ -19,10 +19,8 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -36,7 +34,10 @@
 
 namespace {
 
-// ---- deterministic generator (splitmix64) --------------------------------
+using Vec = std::vector<double>;
+using std::size_t;
+
+// Deterministic generator (splitmix64).
 struct Rng {
   std::uint64_t s;
   std::uint64_t next() {
@@ -56,64 +57,57 @@ constexpr double kAbsent = 1e300;  // beyond sqrt(overflow): the bound does not 
 // A problem in solver form, column-major, C with leading dimension n.
 struct Qp {
   int n = 0, me = 0, mi = 0;
-  std::vector<double> H, c, C, d, lower, upper;
+  Vec H, c, C, d, lower, upper;
 };
 
-// ---- record rendering --------------------------------------------------------
-struct Recorder {
-  std::string text;
-  void line(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-  void values(const char* tag, const double* v, long k) {
-    text += tag;
-    char buf[48];
-    for (long i = 0; i < k; ++i) {
-      std::snprintf(buf, sizeof buf, " %a", v[i]);
-      text += buf;
-    }
-    text += '\n';
-  }
-};
-
-void Recorder::line(const char* fmt, ...) {
+// Appends one printf-formatted line to a record.
+__attribute__((format(printf, 2, 3))) void line(std::string& t, const char* fmt, ...) {
   char buf[256];
   va_list ap;
   va_start(ap, fmt);
   std::vsnprintf(buf, sizeof buf, fmt, ap);
   va_end(ap);
-  text += buf;
-  text += '\n';
+  t += buf;
+  t += '\n';
+}
+
+// Appends "tag v0 v1 ..." with every value in %a.
+void values(std::string& t, const char* tag, const double* v, long k) {
+  t += tag;
+  char buf[48];
+  for (long i = 0; i < k; ++i) {
+    std::snprintf(buf, sizeof buf, " %a", v[i]);
+    t += buf;
+  }
+  t += '\n';
 }
 
 std::uint64_t fnv1a(const std::string& s) {
   std::uint64_t h = 0xcbf29ce484222325ULL;
-  for (unsigned char ch : s) {
-    h ^= ch;
-    h *= 0x100000001b3ULL;
-  }
+  for (unsigned char ch : s) h = (h ^ ch) * 0x100000001b3ULL;
   return h;
 }
 
-// ---- problem families ---------------------------------------------------------
-
-// H = B B' / k + diag(delta) (rank k plus delta), or indefinite, or zero.
+// H = B B' / k + diag(delta) (rank k plus delta), or low rank, zero,
+// indefinite or diagonal with some zeros.
 enum class Hess { Definite, LowRank, Zero, Indefinite, Diagonal };
 
 void fillHessian(Qp& p, Rng& r, Hess kind) {
   const int n = p.n;
   p.H.assign(static_cast<size_t>(n) * n, 0.0);
-  auto at = [n](int i, int j) { return i + static_cast<size_t>(j) * n; };
+  auto H = [&p, n](int i, int j) -> double& { return p.H[i + static_cast<size_t>(j) * n]; };
   if (kind == Hess::Zero) return;
   if (kind == Hess::Diagonal) {
-    for (int i = 0; i < n; ++i) p.H[at(i, i)] = r.chance(0.2) ? 0.0 : r.range(0.1, 2.0);
+    for (int i = 0; i < n; ++i) H(i, i) = r.chance(0.2) ? 0.0 : r.range(0.1, 2.0);
     return;
   }
   if (kind == Hess::Indefinite) {
     for (int j = 0; j < n; ++j)
-      for (int i = j; i < n; ++i) p.H[at(i, j)] = p.H[at(j, i)] = r.range(-1.0, 1.0);
+      for (int i = j; i < n; ++i) H(i, j) = H(j, i) = r.range(-1.0, 1.0);
     return;
   }
   const int k = kind == Hess::LowRank ? 1 + r.below(std::max(1, n / 3)) : 1 + r.below(12);
-  std::vector<double> B(static_cast<size_t>(n) * k);
+  Vec B(static_cast<size_t>(n) * k);
   for (double& b : B) b = r.range(-1.0, 1.0);
   const double delta = kind == Hess::LowRank ? 0.0 : r.range(0.001, 0.5);
   for (int j = 0; j < n; ++j)
@@ -122,7 +116,7 @@ void fillHessian(Qp& p, Rng& r, Hess kind) {
       for (int q = 0; q < k; ++q) s += B[i + static_cast<size_t>(q) * n] * B[j + static_cast<size_t>(q) * n];
       s /= k;
       if (i == j) s += delta;
-      p.H[at(i, j)] = p.H[at(j, i)] = s;
+      H(i, j) = H(j, i) = s;
     }
 }
 
@@ -132,33 +126,24 @@ Qp randomProblem(Rng& r, int n) {
   Qp p;
   p.n = n;
   const int hk = r.below(10);
-  const Hess kind = hk < 5 ? Hess::Definite
-                    : hk < 7 ? Hess::LowRank
-                    : hk < 8 ? Hess::Zero
-                    : hk < 9 ? Hess::Indefinite
-                             : Hess::Diagonal;
-  fillHessian(p, r, kind);
+  fillHessian(p, r, hk < 5 ? Hess::Definite : hk < 7 ? Hess::LowRank : hk < 8 ? Hess::Zero
+                    : hk < 9 ? Hess::Indefinite : Hess::Diagonal);
   p.c.resize(n);
   for (double& v : p.c) v = r.chance(0.1) ? 0.0 : r.range(-1.0, 1.0);
-
   // bounds: box, long-only, fixed, absent on one or both sides
   p.lower.resize(n);
   p.upper.resize(n);
   const int bk = r.below(4);
-  std::vector<double> x0(n);
+  Vec x0(n);
   for (int i = 0; i < n; ++i) {
-    double lo, up;
+    double lo = bk == 1 ? -1.0 : 0.0, up = 1.0;
     if (bk == 0) {
-      lo = 0.0;
       up = r.chance(0.5) ? 1.0 : r.range(0.05, 1.0);
-    } else if (bk == 1) {
-      lo = -1.0;
-      up = 1.0;
-    } else {
+    } else if (bk > 1) {
       lo = r.range(-2.0, 0.5);
       up = lo + r.range(0.0, 2.0);
     }
-    if (r.chance(0.05)) up = lo;                // fixed variable
+    if (r.chance(0.05)) up = lo;                  // fixed variable
     if (bk == 3 && r.chance(0.2)) lo = -kAbsent;  // absent lower bound
     if (bk == 3 && r.chance(0.2)) up = kAbsent;   // absent upper bound
     p.lower[i] = lo;
@@ -168,7 +153,6 @@ Qp randomProblem(Rng& r, int n) {
     x0[i] = a == b ? a : r.range(a, b);
     if (r.chance(0.3)) x0[i] = r.chance(0.5) ? a : b;  // on a bound: degenerate starts
   }
-
   // rows: budget-like equalities, random rows, duplicates
   p.me = r.chance(0.6) ? 1 + r.below(std::min(3, n - 1)) : 0;
   p.mi = r.chance(0.7) ? r.below(std::min(8, 2 * n) + 1) : 0;
@@ -178,25 +162,21 @@ Qp randomProblem(Rng& r, int n) {
   for (int j = 0; j < m; ++j) {
     double* a = &p.C[static_cast<size_t>(j) * n];
     const int rk = r.below(6);
-    if (rk == 0 && j < p.me) {
-      for (int i = 0; i < n; ++i) a[i] = 1.0;
-    } else if (rk == 1 && j > 0) {
-      const double s = r.chance(0.5) ? 1.0 : r.range(0.5, 2.0);
-      for (int i = 0; i < n; ++i) a[i] = s * p.C[static_cast<size_t>(j - 1) * n + i];  // dependent
-    } else if (rk == 2) {
-      for (int i = 0; i < n; ++i) a[i] = r.chance(0.7) ? 0.0 : (r.chance(0.5) ? 1.0 : -1.0);
-    } else {
-      for (int i = 0; i < n; ++i) a[i] = r.range(-1.0, 1.0);
-    }
+    const double s = rk == 1 && j > 0 && !r.chance(0.5) ? r.range(0.5, 2.0) : 1.0;
+    for (int i = 0; i < n; ++i)
+      a[i] = rk == 0 && j < p.me ? 1.0
+             : rk == 1 && j > 0  ? s * a[i - n]  // dependent on the previous row
+             : rk == 2           ? (r.chance(0.7) ? 0.0 : (r.chance(0.5) ? 1.0 : -1.0))
+                                 : r.range(-1.0, 1.0);
     double ax = 0.0;
     for (int i = 0; i < n; ++i) ax += a[i] * x0[i];
     p.d[j] = j < p.me || r.chance(0.4) ? ax : ax + r.range(0.0, 0.5);  // active or slack
   }
   // infeasible and inconsistent variants
   const int fk = r.below(20);
-  if (fk == 0 && m > 0) p.d[m - 1] -= 1e3;                                        // impossible row
-  if (fk == 1 && p.me >= 2) p.d[1] += 0.5;                                        // may be inconsistent
-  if (fk == 2 && n >= 2 && p.lower[0] > -1e10) p.upper[0] = p.lower[0] - 0.5;     // inverted bounds
+  if (fk == 0 && m > 0) p.d[m - 1] -= 1e3;                                     // impossible row
+  if (fk == 1 && p.me >= 2) p.d[1] += 0.5;                                     // may be inconsistent
+  if (fk == 2 && n >= 2 && p.lower[0] > -1e10) p.upper[0] = p.lower[0] - 0.5;  // inverted bounds
   return p;
 }
 
@@ -206,7 +186,7 @@ Qp benchProblem(int n) {
   constexpr int kFactors = 10;
   std::mt19937_64 rng(1000 + n);
   auto uniform = [&rng]() { return static_cast<double>(rng() >> 11) * 0x1.0p-53; };
-  std::vector<double> B(static_cast<size_t>(n) * kFactors);
+  Vec B(static_cast<size_t>(n) * kFactors), mu(n);
   for (double& b : B) b = 0.2 * uniform() - 0.1;
   Qp p;
   p.n = n;
@@ -217,28 +197,22 @@ Qp benchProblem(int n) {
       for (int k = 0; k < kFactors; ++k) s += B[i + k * n] * B[j + k * n];
       p.H[i + static_cast<size_t>(j) * n] = s / kFactors + (i == j ? 0.0004 + 0.0004 * uniform() : 0.0);
     }
-  std::vector<double> mu(n);
   for (double& m : mu) m = 0.01 + 0.1 * uniform();
   const double cap = 5.0 / n;
-  std::vector<double> sorted = mu;
+  Vec sorted = mu;
   std::sort(sorted.begin(), sorted.end(), std::greater<double>());
-  double best = 0.0, left = 1.0;
+  double best = 0.0, left = 1.0, mean = 0.0;
   for (double m : sorted) {
     const double take = std::min(cap, left);
     best += take * m;
     left -= take;
   }
-  double mean = 0.0;
   for (double m : mu) mean += m;
   mean /= n;
-  p.me = 1;
-  p.mi = 1;
+  p.me = p.mi = 1;
   p.c.assign(n, 0.0);
-  p.C.assign(2 * static_cast<size_t>(n), 0.0);
-  for (int i = 0; i < n; ++i) {
-    p.C[i] = 1.0;
-    p.C[n + i] = -mu[i];
-  }
+  p.C.assign(2 * static_cast<size_t>(n), 1.0);
+  for (int i = 0; i < n; ++i) p.C[n + i] = -mu[i];
   p.d = {1.0, -0.5 * (mean + best)};
   p.lower.assign(n, 0.0);
   p.upper.assign(n, cap);
@@ -248,64 +222,52 @@ Qp benchProblem(int n) {
 // Solves p through qpDriver (status, x, multipliers, H restored) and through
 // the main iteration as the driver runs it (passes, working set, objective).
 std::string solveRecord(const std::string& name, const Qp& p) {
-  using lumbra::i64;
-  Recorder rec;
+  std::string t;
   const int n = p.n, me = p.me, mi = p.mi, m = me + mi;
-  rec.line("problem %s n=%d me=%d mi=%d", name.c_str(), n, me, mi);
+  const size_t nn = static_cast<size_t>(n) * n;
+  line(t, "problem %s n=%d me=%d mi=%d", name.c_str(), n, me, mi);
+  Vec C = p.C, d = p.d;  // one spare place, so that no rows still give valid pointers
+  C.resize(static_cast<size_t>(n) * m + 1);
+  d.resize(m + 1);
   {
-    std::vector<double> H = p.H, c = p.c, C = p.C, d = p.d, lo = p.lower, up = p.upper;
-    C.resize(static_cast<size_t>(n) * m + 1);
-    d.resize(m + 1);
-    std::vector<double> work(static_cast<size_t>(n) * (n + 1) + lumbra::qp::kMainWork(n, mi));
+    Vec H = p.H, c = p.c, Cw = C, dw = d, lo = p.lower, up = p.upper, mult(n + m, 0.0), x(n, 0.0);
+    Vec work(nn + n + lumbra::qp::kMainWork(n, mi));
     std::vector<int> iwork(3 * n + me + 2 * mi + 4);
-    std::vector<double> mult(n + m, 0.0), x(n, 0.0);
     int status = 0;
-    lumbra::qp::qpDriver(n, H.data(), c.data(), me, mi, C.data(), d.data(), lo.data(), up.data(),
+    lumbra::qp::qpDriver(n, H.data(), c.data(), me, mi, Cw.data(), dw.data(), lo.data(), up.data(),
                          iwork.data(), work.data(), mult.data(), x.data(), status);
-    rec.line("driver status %d", status);
-    rec.values("x", x.data(), n);
-    rec.values("mult", mult.data(), n + m);
+    line(t, "driver status %d", status);
+    values(t, "x", x.data(), n);
+    values(t, "mult", mult.data(), n + m);
     bool restored = true;
     for (int j = 0; j < n; ++j)
-      for (int i = j; i < n; ++i)
-        if (H[i + static_cast<size_t>(j) * n] != p.H[i + static_cast<size_t>(j) * n]) restored = false;
-    rec.line("H restored %d", restored ? 1 : 0);
+      for (int i = j; i < n; ++i) restored = restored && H[i + j * size_t(n)] == p.H[i + j * size_t(n)];
+    line(t, "H restored %d", restored ? 1 : 0);
   }
-  if (n >= 2) {
-    std::vector<double> Q = p.H, G(static_cast<size_t>(n) * (n + 1), 0.0);
-    for (int j = 0; j < n; ++j)
-      for (int i = j; i < n; ++i) G[i + static_cast<size_t>(j) * n] = p.H[i + static_cast<size_t>(j) * n];
-    std::vector<double> C = p.C, d = p.d;
-    C.resize(static_cast<size_t>(n) * m + 1);
-    d.resize(m + 1);
-    std::vector<double> w(lumbra::qp::kMainWork(n, mi)), x(n, 0.0);
-    std::vector<int> IRE(n + mi + 1), list(n + me + mi + 1), ipvt(n + 3);
-    int want = 1, kact = 0, kcur = 0, status = 0, iters = 2500;
-    lumbra::qp::OPTR03(C.data(), n, Q.data(), n, G.data(), n, p.c.data(), d.data(),
-                       p.lower.data(), p.upper.data(), x.data(), w.data(), want, IRE.data(),
-                       list.data(), ipvt.data(), 1.0, 3, n, kact, me, kcur, mi, 6, status, -20,
-                       6, iters);
-    rec.line("main status %d iterations %d kact %d kcur %d", status, iters, kact, kcur);
-    std::string ls = "list";
-    for (int j = 0; j < kact && j < n + m; ++j) {
-      ls += ' ';
-      ls += std::to_string(list[j]);
-    }
-    rec.text += ls + "\n";
-    rec.values("xmain", x.data(), n);
-    if (want >= 1 && static_cast<size_t>(want) <= w.size() && (status == 0 || status == -3))
-      rec.values("objective", &w[want - 1], 1);
-  }
-  return rec.text;
+  if (n < 2) return t;
+  Vec Q = p.H, G(nn + n, 0.0), w(lumbra::qp::kMainWork(n, mi)), x(n, 0.0);
+  for (int j = 0; j < n; ++j)
+    for (int i = j; i < n; ++i) G[i + j * size_t(n)] = p.H[i + j * size_t(n)];
+  std::vector<int> IRE(n + mi + 1), list(n + me + mi + 1), ipvt(n + 3);
+  int want = 1, kact = 0, kcur = 0, status = 0, iters = 2500;
+  lumbra::qp::OPTR03(C.data(), n, Q.data(), n, G.data(), n, p.c.data(), d.data(), p.lower.data(),
+                     p.upper.data(), x.data(), w.data(), want, IRE.data(), list.data(),
+                     ipvt.data(), 1.0, 3, n, kact, me, kcur, mi, 6, status, -20, 6, iters);
+  line(t, "main status %d iterations %d kact %d kcur %d", status, iters, kact, kcur);
+  t += "list";
+  for (int j = 0; j < kact && j < n + m; ++j) t += ' ' + std::to_string(list[j]);
+  t += '\n';
+  values(t, "xmain", x.data(), n);
+  if (want >= 1 && static_cast<size_t>(want) <= w.size() && (status == 0 || status == -3))
+    values(t, "objective", &w[want - 1], 1);
+  return t;
 }
 
-// ---- allocators ---------------------------------------------------------------
-
 // Row-major allocator data: a factor covariance, returns, a budget, sector
-// caps or random rows, bounds, and the scalar targets.
+// caps, bounds, and the scalar targets.
 struct Alloc {
   int n = 0, nEq = 0, nIneq = 0;
-  std::vector<double> cov, mu, cons, rhs, lower, upper, q;
+  Vec cov, mu, cons, rhs, lower, upper, q;
   double target = 0, benchReturn = 0, excess = 0, riskFree = 0;
 };
 
@@ -313,7 +275,7 @@ Alloc randomAlloc(Rng& r, int n) {
   Alloc a;
   a.n = n;
   const int k = 1 + r.below(6);
-  std::vector<double> F(static_cast<size_t>(n) * k);
+  Vec F(static_cast<size_t>(n) * k);
   for (double& f : F) f = r.range(-0.1, 0.1);
   a.cov.assign(static_cast<size_t>(n) * n, 0.0);
   const bool singular = r.chance(0.1);
@@ -322,7 +284,7 @@ Alloc randomAlloc(Rng& r, int n) {
       double s = 0.0;
       for (int q = 0; q < k; ++q) s += F[i * k + q] * F[j * k + q];
       if (i == j && !singular) s += r.range(1e-4, 4e-3);
-      a.cov[i * static_cast<size_t>(n) + j] = a.cov[j * static_cast<size_t>(n) + i] = s;
+      a.cov[i * size_t(n) + j] = a.cov[j * size_t(n) + i] = s;
     }
   a.mu.resize(n);
   for (double& m : a.mu) m = r.range(-0.002, 0.01);
@@ -330,14 +292,14 @@ Alloc randomAlloc(Rng& r, int n) {
   a.nEq = r.chance(0.8) ? 1 : 0;
   a.nIneq = sectors;
   const int m = a.nEq + a.nIneq;
-  a.cons.assign(static_cast<size_t>(n) * m, 0.0);
-  a.rhs.assign(m, 0.0);
+  a.cons.assign(std::max<size_t>(size_t(n) * m, 1), 0.0);  // no rows: still a valid pointer
+  a.rhs.assign(std::max(m, 1), 0.0);
   if (a.nEq == 1) {
-    for (int i = 0; i < n; ++i) a.cons[i * static_cast<size_t>(m)] = 1.0;
+    for (int i = 0; i < n; ++i) a.cons[i * size_t(m)] = 1.0;
     a.rhs[0] = 1.0;
   }
   for (int s = 0; s < sectors; ++s) {
-    for (int i = s; i < n; i += sectors) a.cons[i * static_cast<size_t>(m) + a.nEq + s] = 1.0;
+    for (int i = s; i < n; i += sectors) a.cons[i * size_t(m) + a.nEq + s] = 1.0;
     a.rhs[a.nEq + s] = r.range(0.2, 0.9);
   }
   a.lower.assign(n, r.chance(0.7) ? 0.0 : -0.2);
@@ -352,62 +314,49 @@ Alloc randomAlloc(Rng& r, int n) {
   a.target = mean + r.range(-0.2, 0.9) * (top - mean);
   a.q.assign(n, 0.0);
   for (int i = 0; i < n; ++i)
-    for (int j = 0; j < n; ++j) a.q[i] += a.cov[i * static_cast<size_t>(n) + j] / n;
+    for (int j = 0; j < n; ++j) a.q[i] += a.cov[i * size_t(n) + j] / n;
   a.benchReturn = mean;
   a.excess = r.range(-0.1, 0.6) * (top - mean);
   a.riskFree = r.chance(0.8) ? r.range(-0.001, 0.5) * mean : top + 0.01;
   return a;
 }
 
+// The three exports on fresh copies (they convert their matrices in place).
 std::string allocRecord(const std::string& name, const Alloc& a) {
-  Recorder rec;
-  rec.line("alloc %s n=%d nEq=%d nIneq=%d", name.c_str(), a.n, a.nEq, a.nIneq);
-  std::vector<double> w(a.n);
+  std::string t;
+  line(t, "alloc %s n=%d nEq=%d nIneq=%d", name.c_str(), a.n, a.nEq, a.nIneq);
+  static const char* const kNames[] = {"MV", "IT", "Sharpe"};
   for (int which = 0; which < 3; ++which) {
-    Alloc b = a;  // the exports convert their matrices in place
-    b.cons.resize(std::max<size_t>(b.cons.size(), 1));  // no rows: still a valid pointer
-    b.rhs.resize(std::max<size_t>(b.rhs.size(), 1));
-    int status = 0, ret = 0;
-    std::fill(w.begin(), w.end(), -7.0);
-    if (which == 0) {
-      ret = ORXallocMV(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, b.cons.data(),
-                       b.rhs.data(), b.lower.data(), b.upper.data(), &b.target, w.data(), &status);
-    } else if (which == 1) {
-      ret = ORXallocIT(&b.n, b.cov.data(), b.mu.data(), b.q.data(), &b.benchReturn, &b.nEq,
-                       &b.nIneq, b.cons.data(), b.rhs.data(), b.lower.data(), b.upper.data(),
-                       &b.excess, w.data(), &status);
-    } else {
-      ret = ORXallocSharpeRatio(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, b.cons.data(),
-                                b.rhs.data(), b.lower.data(), b.upper.data(), &b.riskFree,
-                                w.data(), &status);
-    }
-    static const char* const kNames[] = {"MV", "IT", "Sharpe"};
-    rec.line("%s return %d status %d", kNames[which], ret, status);
-    rec.values("w", w.data(), a.n);
+    Alloc b = a;
+    Vec w(a.n, -7.0);
+    int status = 0;
+    const int ret =
+        which == 0 ? ORXallocMV(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, b.cons.data(),
+                                b.rhs.data(), b.lower.data(), b.upper.data(), &b.target, w.data(), &status)
+        : which == 1 ? ORXallocIT(&b.n, b.cov.data(), b.mu.data(), b.q.data(), &b.benchReturn, &b.nEq,
+                                  &b.nIneq, b.cons.data(), b.rhs.data(), b.lower.data(),
+                                  b.upper.data(), &b.excess, w.data(), &status)
+                     : ORXallocSharpeRatio(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq,
+                                           b.cons.data(), b.rhs.data(), b.lower.data(),
+                                           b.upper.data(), &b.riskFree, w.data(), &status);
+    line(t, "%s return %d status %d", kNames[which], ret, status);
+    values(t, "w", w.data(), a.n);
   }
-  return rec.text;
+  return t;
 }
 
-// ---- the corpus -----------------------------------------------------------------
-
+// The corpus, record name and text, in a fixed order.
 std::vector<std::pair<std::string, std::string>> corpus(bool full) {
   std::vector<std::pair<std::string, std::string>> out;
+  auto add = [&out](const std::string& name, const std::string& text) { out.emplace_back(name, text); };
   Rng r{20240611};
   // 360 solver problems: mostly small, a tail up to 300 variables
   for (int k = 0; k < 360; ++k) {
-    int n;
     const int sk = r.below(40);
-    if (sk < 24)
-      n = 2 + r.below(9);
-    else if (sk < 34)
-      n = 11 + r.below(40);
-    else if (sk < 38)
-      n = 51 + r.below(100);
-    else
-      n = 151 + r.below(150);
+    const int n = sk < 24 ? 2 + r.below(9) : sk < 34 ? 11 + r.below(40) : sk < 38 ? 51 + r.below(100)
+                                                                           : 151 + r.below(150);
     const Qp p = randomProblem(r, n);
-    const std::string name = "qp" + std::to_string(k);
-    out.emplace_back(name, solveRecord(name, p));
+    add("qp" + std::to_string(k), solveRecord("qp" + std::to_string(k), p));
   }
   // one variable, through the scalar path of the driver
   for (int k = 0; k < 12; ++k) {
@@ -423,97 +372,78 @@ std::vector<std::pair<std::string, std::string>> corpus(bool full) {
     }
     p.lower = {-1.0};
     p.upper = {k % 5 == 0 ? -1.0 : 1.0};
-    const std::string name = "scalar" + std::to_string(k);
-    out.emplace_back(name, solveRecord(name, p));
+    add("scalar" + std::to_string(k), solveRecord("scalar" + std::to_string(k), p));
   }
-  for (int n : {50, 200}) out.emplace_back("bench" + std::to_string(n), solveRecord("bench", benchProblem(n)));
-  if (full) out.emplace_back("bench500", solveRecord("bench", benchProblem(500)));
+  for (int n : {50, 200}) add("bench" + std::to_string(n), solveRecord("bench", benchProblem(n)));
+  if (full) add("bench500", solveRecord("bench", benchProblem(500)));
   // 90 allocator problems, each through the three exports
   for (int k = 0; k < 90; ++k) {
     const int n = k < 70 ? 2 + r.below(30) : 31 + r.below(120);
-    const std::string name = "alloc" + std::to_string(k);
-    out.emplace_back(name, allocRecord(name, randomAlloc(r, n)));
+    add("alloc" + std::to_string(k), allocRecord("alloc" + std::to_string(k), randomAlloc(r, n)));
   }
   return out;
 }
 
-// True when an optimised BLAS is mapped into this process; the digests are
-// those of the reference BLAS.
+// True when an optimised BLAS is mapped into this process.
 bool optimisedBlasLoaded() {
   std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line))
-    if (line.find("openblas") != std::string::npos || line.find("libmkl") != std::string::npos ||
-        line.find("blis") != std::string::npos || line.find("atlas") != std::string::npos)
-      return true;
+  std::string l;
+  while (std::getline(maps, l))
+    for (const char* lib : {"openblas", "libmkl", "blis", "atlas"})
+      if (l.find(lib) != std::string::npos) return true;
   return false;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string mode, file;
-  bool full = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    if (a == "--full") {
-      full = true;
-    } else if ((a == "--dump" || a == "--digest" || a == "--check") && i + 1 < argc) {
-      mode = a;
-      file = argv[++i];
-    }
-  }
-  if (mode.empty()) {
-    std::fprintf(stderr, "usage: %s --dump|--digest|--check FILE [--full]\n", argv[0]);
+  const std::string mode = argc > 1 ? argv[1] : "";
+  const bool needsFile = mode == "--digest" || mode == "--check";
+  if (!(mode == "--dump" || needsFile) || (needsFile && argc < 3)) {
+    std::fprintf(stderr, "usage: %s --dump | --digest FILE | --check FILE  [--full]\n", argv[0]);
     return 2;
   }
   if (mode == "--check" && optimisedBlasLoaded()) {
     std::printf("optimised BLAS in use: the corpus holds for the reference BLAS only; skipped\n");
     return 77;
   }
-  const auto records = corpus(full);
-  if (mode == "--dump" || mode == "--digest") {
-    std::FILE* f = std::fopen(file.c_str(), "w");
+  const auto records = corpus(std::string(argv[argc - 1]) == "--full" && mode != "--check");
+  char hash[32];
+  auto digest = [&hash](const std::string& text) {
+    std::snprintf(hash, sizeof hash, "%016" PRIx64, fnv1a(text));
+    return std::string(hash);
+  };
+  if (mode == "--dump") {
+    for (const auto& rec : records) std::fputs(rec.second.c_str(), stdout);
+    return 0;
+  }
+  if (mode == "--digest") {
+    std::FILE* f = std::fopen(argv[2], "w");
     if (!f) return 2;
-    for (const auto& [name, text] : records) {
-      if (mode == "--dump")
-        std::fputs(text.c_str(), f);
-      else
-        std::fprintf(f, "%s %016" PRIx64 "\n", name.c_str(), fnv1a(text));
-    }
+    for (const auto& [name, text] : records) std::fprintf(f, "%s %s\n", name.c_str(), digest(text).c_str());
     std::fclose(f);
-    std::printf("%zu records written to %s\n", records.size(), file.c_str());
+    std::printf("%zu records written to %s\n", records.size(), argv[2]);
     return 0;
   }
   std::map<std::string, std::string> expected;
-  {
-    std::ifstream in(file);
-    std::string name, hash;
-    while (in >> name >> hash) expected[name] = hash;
-  }
+  std::ifstream in(argv[2]);
+  for (std::string name, h; in >> name >> h;) expected[name] = h;
   int passed = 0, failed = 0;
   for (const auto& [name, text] : records) {
-    char hash[32];
-    std::snprintf(hash, sizeof hash, "%016" PRIx64, fnv1a(text));
     const auto it = expected.find(name);
-    if (it == expected.end() || it->second != hash) {
+    const std::string got = digest(text);
+    if (it != expected.end() && it->second == got) {
+      ++passed;
+    } else {
       ++failed;
       std::printf("MISMATCH %s: expected %s, got %s\n", name.c_str(),
-                  it == expected.end() ? "(none)" : it->second.c_str(), hash);
-    } else {
-      ++passed;
+                  it == expected.end() ? "(none)" : it->second.c_str(), got.c_str());
     }
+    if (it != expected.end()) expected.erase(it);
   }
-  if (expected.size() != static_cast<size_t>(passed + failed) && !full) {
-    // every committed record must be produced: a shrunken corpus is a failure
-    for (const auto& [name, hash] : expected) {
-      bool seen = false;
-      for (const auto& rec : records) seen = seen || rec.first == name;
-      if (!seen) {
-        ++failed;
-        std::printf("MISSING %s\n", name.c_str());
-      }
-    }
+  for (const auto& left : expected) {  // a shrunken corpus is a failure
+    ++failed;
+    std::printf("MISSING %s\n", left.first.c_str());
   }
   std::printf("%d passed, %d failed\n", passed, failed);
   return failed == 0 ? 0 : 1;
