@@ -84,7 +84,7 @@ void values(std::string& t, const char* tag, const double* v, long k) {
 
 std::uint64_t fnv1a(const std::string& s) {
   std::uint64_t h = 0xcbf29ce484222325ULL;
-  for (unsigned char ch : s) h = (h ^ ch) * 0x100000001b3ULL;
+  for (unsigned char ch : s) h = (h ^ ch) * 0x100000001b3ULL;  // FNV-1a
   return h;
 }
 
@@ -131,8 +131,7 @@ Qp randomProblem(Rng& r, int n) {
   p.c.resize(n);
   for (double& v : p.c) v = r.chance(0.1) ? 0.0 : r.range(-1.0, 1.0);
   // bounds: box, long-only, fixed, absent on one or both sides
-  p.lower.resize(n);
-  p.upper.resize(n);
+  p.lower.resize(n), p.upper.resize(n);
   const int bk = r.below(4);
   Vec x0(n);
   for (int i = 0; i < n; ++i) {
@@ -146,8 +145,7 @@ Qp randomProblem(Rng& r, int n) {
     if (r.chance(0.05)) up = lo;                  // fixed variable
     if (bk == 3 && r.chance(0.2)) lo = -kAbsent;  // absent lower bound
     if (bk == 3 && r.chance(0.2)) up = kAbsent;   // absent upper bound
-    p.lower[i] = lo;
-    p.upper[i] = up;
+    p.lower[i] = lo, p.upper[i] = up;
     const double a = lo < -1e10 ? (up > 1e10 ? -1.0 : up - 1.0) : lo;
     const double b = up > 1e10 ? a + 2.0 : up;
     x0[i] = a == b ? a : r.range(a, b);
@@ -157,8 +155,7 @@ Qp randomProblem(Rng& r, int n) {
   p.me = r.chance(0.6) ? 1 + r.below(std::min(3, n - 1)) : 0;
   p.mi = r.chance(0.7) ? r.below(std::min(8, 2 * n) + 1) : 0;
   const int m = p.me + p.mi;
-  p.C.assign(static_cast<size_t>(n) * m, 0.0);
-  p.d.assign(m, 0.0);
+  p.C.assign(static_cast<size_t>(n) * m, 0.0), p.d.assign(m, 0.0);
   for (int j = 0; j < m; ++j) {
     double* a = &p.C[static_cast<size_t>(j) * n];
     const int rk = r.below(6);
@@ -188,8 +185,7 @@ Qp benchProblem(int n) {
   auto uniform = [&rng]() { return static_cast<double>(rng() >> 11) * 0x1.0p-53; };
   Vec B(static_cast<size_t>(n) * kFactors), mu(n);
   for (double& b : B) b = 0.2 * uniform() - 0.1;
-  Qp p;
-  p.n = n;
+  Qp p{n, 1, 1};
   p.H.assign(static_cast<size_t>(n) * n, 0.0);
   for (int j = 0; j < n; ++j)
     for (int i = 0; i < n; ++i) {
@@ -209,13 +205,11 @@ Qp benchProblem(int n) {
   }
   for (double m : mu) mean += m;
   mean /= n;
-  p.me = p.mi = 1;
   p.c.assign(n, 0.0);
   p.C.assign(2 * static_cast<size_t>(n), 1.0);
   for (int i = 0; i < n; ++i) p.C[n + i] = -mu[i];
   p.d = {1.0, -0.5 * (mean + best)};
-  p.lower.assign(n, 0.0);
-  p.upper.assign(n, cap);
+  p.lower.assign(n, 0.0), p.upper.assign(n, cap);
   return p;
 }
 
@@ -272,8 +266,7 @@ struct Alloc {
 };
 
 Alloc randomAlloc(Rng& r, int n) {
-  Alloc a;
-  a.n = n;
+  Alloc a{n};
   const int k = 1 + r.below(6);
   Vec F(static_cast<size_t>(n) * k);
   for (double& f : F) f = r.range(-0.1, 0.1);
@@ -289,15 +282,11 @@ Alloc randomAlloc(Rng& r, int n) {
   a.mu.resize(n);
   for (double& m : a.mu) m = r.range(-0.002, 0.01);
   const int sectors = r.chance(0.5) ? std::min(n, 1 + r.below(5)) : 0;
-  a.nEq = r.chance(0.8) ? 1 : 0;
-  a.nIneq = sectors;
+  a.nEq = r.chance(0.8) ? 1 : 0, a.nIneq = sectors;
   const int m = a.nEq + a.nIneq;
   a.cons.assign(std::max<size_t>(size_t(n) * m, 1), 0.0);  // no rows: still a valid pointer
   a.rhs.assign(std::max(m, 1), 0.0);
-  if (a.nEq == 1) {
-    for (int i = 0; i < n; ++i) a.cons[i * size_t(m)] = 1.0;
-    a.rhs[0] = 1.0;
-  }
+  for (int i = 0; i < n * a.nEq; ++i) a.cons[i * size_t(m)] = a.rhs[0] = 1.0;
   for (int s = 0; s < sectors; ++s) {
     for (int i = s; i < n; i += sectors) a.cons[i * size_t(m) + a.nEq + s] = 1.0;
     a.rhs[a.nEq + s] = r.range(0.2, 0.9);
@@ -306,17 +295,13 @@ Alloc randomAlloc(Rng& r, int n) {
   a.upper.assign(n, r.chance(0.5) ? 1.0 : std::max(0.3, 2.0 / n));
   if (r.chance(0.1)) a.lower[0] = a.upper[0];  // one fixed weight
   double mean = 0.0, top = -1e9;
-  for (double m : a.mu) {
-    mean += m;
-    top = std::max(top, m);
-  }
+  for (double m : a.mu) mean += m, top = std::max(top, m);
   mean /= n;
   a.target = mean + r.range(-0.2, 0.9) * (top - mean);
   a.q.assign(n, 0.0);
   for (int i = 0; i < n; ++i)
     for (int j = 0; j < n; ++j) a.q[i] += a.cov[i * size_t(n) + j] / n;
-  a.benchReturn = mean;
-  a.excess = r.range(-0.1, 0.6) * (top - mean);
+  a.benchReturn = mean, a.excess = r.range(-0.1, 0.6) * (top - mean);
   a.riskFree = r.chance(0.8) ? r.range(-0.001, 0.5) * mean : top + 0.01;
   return a;
 }
@@ -364,14 +349,11 @@ std::vector<std::pair<std::string, std::string>> corpus(bool full) {
     p.n = 1;
     p.H = {k % 3 == 0 ? 0.0 : r.range(0.0, 2.0)};
     p.c = {r.range(-1.0, 1.0)};
-    p.me = k % 4 == 1 ? 1 : 0;
-    p.mi = k % 2;
+    p.me = k % 4 == 1 ? 1 : 0, p.mi = k % 2;
     for (int j = 0; j < p.me + p.mi; ++j) {
-      p.C.push_back(r.range(-1.0, 1.0));
-      p.d.push_back(r.range(-1.0, 1.0));
+      p.C.push_back(r.range(-1.0, 1.0)), p.d.push_back(r.range(-1.0, 1.0));
     }
-    p.lower = {-1.0};
-    p.upper = {k % 5 == 0 ? -1.0 : 1.0};
+    p.lower = {-1.0}, p.upper = {k % 5 == 0 ? -1.0 : 1.0};
     add("scalar" + std::to_string(k), solveRecord("scalar" + std::to_string(k), p));
   }
   for (int n : {50, 200}) add("bench" + std::to_string(n), solveRecord("bench", benchProblem(n)));
@@ -413,10 +395,8 @@ int main(int argc, char** argv) {
     std::snprintf(hash, sizeof hash, "%016" PRIx64, fnv1a(text));
     return std::string(hash);
   };
-  if (mode == "--dump") {
-    for (const auto& rec : records) std::fputs(rec.second.c_str(), stdout);
-    return 0;
-  }
+  if (mode == "--dump") for (const auto& rec : records) std::fputs(rec.second.c_str(), stdout);
+  if (mode == "--dump") return 0;
   if (mode == "--digest") {
     std::FILE* f = std::fopen(argv[2], "w");
     if (!f) return 2;
@@ -432,19 +412,12 @@ int main(int argc, char** argv) {
   for (const auto& [name, text] : records) {
     const auto it = expected.find(name);
     const std::string got = digest(text);
-    if (it != expected.end() && it->second == got) {
-      ++passed;
-    } else {
-      ++failed;
-      std::printf("MISMATCH %s: expected %s, got %s\n", name.c_str(),
+    if (it != expected.end() && it->second == got) ++passed;
+    else ++failed, std::printf("MISMATCH %s: expected %s, got %s\n", name.c_str(),
                   it == expected.end() ? "(none)" : it->second.c_str(), got.c_str());
-    }
     if (it != expected.end()) expected.erase(it);
   }
-  for (const auto& left : expected) {  // a shrunken corpus is a failure
-    ++failed;
-    std::printf("MISSING %s\n", left.first.c_str());
-  }
+  for (const auto& left : expected) ++failed, std::printf("MISSING %s\n", left.first.c_str());
   std::printf("%d passed, %d failed\n", passed, failed);
   return failed == 0 ? 0 : 1;
 }
