@@ -185,7 +185,8 @@ Qp benchProblem(int n) {
   auto uniform = [&rng]() { return static_cast<double>(rng() >> 11) * 0x1.0p-53; };
   Vec B(static_cast<size_t>(n) * kFactors), mu(n);
   for (double& b : B) b = 0.2 * uniform() - 0.1;
-  Qp p{n, 1, 1};
+  Qp p;
+  p.n = n, p.me = p.mi = 1;
   p.H.assign(static_cast<size_t>(n) * n, 0.0);
   for (int j = 0; j < n; ++j)
     for (int i = 0; i < n; ++i) {
@@ -266,7 +267,8 @@ struct Alloc {
 };
 
 Alloc randomAlloc(Rng& r, int n) {
-  Alloc a{n};
+  Alloc a;
+  a.n = n;
   const int k = 1 + r.below(6);
   Vec F(static_cast<size_t>(n) * k);
   for (double& f : F) f = r.range(-0.1, 0.1);
