@@ -63,6 +63,13 @@ void allocITVerify(const int& n, const double* weights, const double* mu,
                    const double* cons, const double* rhs, const double* lower,
                    const double* upper, const double& excess, double* work, int& status);
 
+// The covariance test every allocator runs first: the smallest real part of
+// the eigenvalues of cov against the single-precision 1e-12.  Sets status to
+// -108 and returns false when cov fails it.  Work: 2n^2 + 7n doubles, n
+// integers.
+bool allocCovarianceUsable(const int& n, const double* cov, int* iwork, double* work,
+                           int& status);
+
 // The mean-variance allocator after its covariance test: carve, build,
 // feasibility start, solve, and 1001 turned into -101.
 void allocMVSolve(const int& n, double* cov, const double* mu, const int& nEq,

@@ -78,6 +78,14 @@ void solveAllocationQP(const int& n, double* cov, double* c, const int& me, cons
                const_cast<double*>(upper), iwork, scratch, multipliers, weights, status);
 }
 
+bool allocCovarianceUsable(const int& n, const double* cov, int* iwork, double* work,
+                           int& status) {
+  int flag = 0;
+  matPositiveDefiniteCheck(n, cov, iwork, work, flag);
+  if (flag != 0) status = kStatusNotDefinite;
+  return flag == 0;
+}
+
 // Carve, build, solve; "inconsistent constraints" from the driver is a
 // failure of the allocation.
 void allocMVSolve(const int& n, double* cov, const double* mu, const int& nEq,
@@ -99,12 +107,7 @@ void allocMV(const int& n, double* cov, const double* mu, const int& nEq, const 
              const double* cons, const double* rhs, const double* lower, const double* upper,
              const double& target, int* iwork, double* work, double* weights, int& status) {
   status = 0;
-  int flag = 0;
-  matPositiveDefiniteCheck(n, cov, iwork, work, flag);
-  if (flag != 0) {
-    status = kStatusNotDefinite;
-    return;
-  }
+  if (!allocCovarianceUsable(n, cov, iwork, work, status)) return;
   allocMVSolve(n, cov, mu, nEq, nIneq, cons, rhs, lower, upper, target, iwork, work, weights,
                status);
 }
@@ -130,12 +133,7 @@ void allocIT(const int& n, double* cov, const double* mu, const double* benchCov
              const double* rhs, const double* lower, const double* upper,
              const double& excess, int* iwork, double* work, double* weights, int& status) {
   status = 0;
-  int flag = 0;
-  matPositiveDefiniteCheck(n, cov, iwork, work, flag);
-  if (flag != 0) {
-    status = kStatusNotDefinite;
-    return;
-  }
+  if (!allocCovarianceUsable(n, cov, iwork, work, status)) return;
   AllocLayout w;
   allocCarve(n, nEq + nIneq, work, w);
   int me = 0, mi = 0;

@@ -106,12 +106,7 @@ void allocSharpeRatio(const int& n, double* cov, const double* mu, const int& nE
 
   vecFill(n, weights, kZero);
   status = 0;
-  int flag = 0;
-  matPositiveDefiniteCheck(n, cov, iwork, rest, flag);
-  if (flag != 0) {
-    status = kStatusNotDefinite;
-    return;
-  }
+  if (!allocCovarianceUsable(n, cov, iwork, rest, status)) return;
 
   // Stage 1: a mean-variance problem with the budget as first equality and
   // target r_f plus a small margin; it must have a feasible portfolio.
