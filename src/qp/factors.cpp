@@ -229,6 +229,14 @@ namespace {
 // the reduced Hessian factorisation.
 inline double& diagOf(double* T, i64 ldt, i64 kf, i64 j) { return T[at(kf + j, j, ldt)]; }
 
+// Pivot candidate of column r: its diagonal less the squares above it when
+// the column is formed afresh (sw = 0), else the diagonal already updated.
+double pivotCandidate(const double* T, i64 ldt, i64 K, i64 r, int sw) {
+  const i64 rr = K + r;
+  if (sw == 0) return T[at(r, r, ldt)] - qpBlasDot(rr, &T[at(0, r, ldt)], 1, &T[at(0, r, ldt)], 1);
+  return T[at(K + r, r, ldt)];
+}
+
 // T(c,c) -= |T(0:rows-1,c)|^2 for the later columns c = from..L-1 (only
 // used before any finished rows exist, so the diagonal is at (c, c)).
 void updateLaterDiagonals(double* T, i64 ldt, i64 rows, i64 from, i64 L) {
@@ -294,10 +302,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
   for (r = 0; r < L - 1; ++r) {
     tol += eps;
     const i64 rr = K + r;
-    if (sw == 0)
-      d = T[at(r, r, ldt)] - qpBlasDot(rr, &T[at(0, r, ldt)], 1, &T[at(0, r, ldt)], 1);
-    else
-      d = diagOf(T, ldt, K, r);
+    d = pivotCandidate(T, ldt, K, r, sw);
     // growth: a row of large coupling terms means a tiny pivot went before
     if (mx > bound) {
       if (sw == 0) updateLaterDiagonals(T, ldt, rr, r + 1, L);
@@ -347,11 +352,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
     // last column
     tol += eps;
     r = L - 1;
-    const i64 rr = K + r;
-    if (sw == 0)
-      d = T[at(r, r, ldt)] - qpBlasDot(rr, &T[at(0, r, ldt)], 1, &T[at(0, r, ldt)], 1);
-    else
-      d = diagOf(T, ldt, K, r);
+    d = pivotCandidate(T, ldt, K, r, sw);
     if (d > tol) {
       diagOf(T, ldt, K, r) = std::sqrt(d);
       kf = 0;
