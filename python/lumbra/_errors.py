@@ -27,6 +27,8 @@ STATUS_MESSAGES: dict[int, str] = {
           "requirement cannot all be met (or the result failed verification)",
     -101: "inconsistent constraints",
     -108: "covariance matrix is not positive definite",
+    -109: "the solver's point misses a constraint or bound by more than 1e-8 "
+          "relative (accuracy lost on degenerate data)",
     -113: "the scale variable of the Sharpe-ratio problem vanished: "
           "the solution has no scale to divide by",
     -8888: "the feasibility problem's constraint matrix could not be filled",
@@ -51,7 +53,8 @@ STATUS_MESSAGES: dict[int, str] = {
     -9: "one-variable problem: the constraints leave no feasible value",
     # Matrix nearness.
     -1101: "the minimiser was asked to stop by its simulator",
-    -1102: "the minimiser refused the call (a zero step bound or an infinite gradient)",
+    -1102: "the minimiser could not be started: a NaN or an infinity in the data, "
+           "or a vanishing step bound",
     -1103: "the quasi-Newton (BFGS) update failed",
     1104: "iteration limit reached: the best point so far is returned",
     1105: "simulation limit reached: the best point so far is returned",
@@ -63,12 +66,18 @@ STATUS_MESSAGES: dict[int, str] = {
     -2001: "eigenvalue floor outside [0, 0.999999999999999]",
 }
 
-# Exports whose non-zero statuses outside the table are a LAPACK INFO value.
-LAPACK_INFO_EXPORTS: dict[str, str] = {
-    "ORXsimulGeometricBrownianX": "the covariance matrix has no Cholesky factor even "
-                                  "after its eigenvalues were floored; the paths carry no "
-                                  "meaning (LAPACK INFO {status})",
-    "ORXmodelingSDLScorr": "the final eigen-decomposition failed (LAPACK DSYEVR INFO {status})",
+# Exports for which a status outside their own documented values is a
+# LAPACK INFO value: (message, the export's documented statuses).
+LAPACK_INFO_EXPORTS: dict[str, tuple[str, frozenset]] = {
+    "ORXsimulGeometricBrownianX": (
+        "the covariance matrix has no Cholesky factor even after its eigenvalues were "
+        "floored; the paths carry no meaning (LAPACK INFO {status})", frozenset({0})),
+    "ORXmodelingSDLScorr": (
+        "the final eigen-decomposition failed (LAPACK DSYEVR INFO {status})",
+        frozenset({0, -1, -1102, -2001})),
+    "ORXmodelingSDLS": (
+        "the final eigen-decomposition failed (LAPACK DSYEVR INFO {status})",
+        frozenset({0, -1, *range(-1110, -1100), 1104, 1105, 1106})),
 }
 
 RETURN_MESSAGES: dict[int, str] = {
@@ -182,8 +191,10 @@ class LumbraWarning(UserWarning):
 
 def status_message(status: int, function: str = "") -> str:
     """The readable meaning of `status` as `function` reports it."""
-    if function in LAPACK_INFO_EXPORTS and status not in (0, -1, -2, -2001):
-        return LAPACK_INFO_EXPORTS[function].format(status=status)
+    if function in LAPACK_INFO_EXPORTS:
+        text, own = LAPACK_INFO_EXPORTS[function]
+        if status not in own:
+            return text.format(status=status)
     if status in STATUS_MESSAGES:
         return STATUS_MESSAGES[status]
     return f"undocumented status {status}"

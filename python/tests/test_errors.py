@@ -14,32 +14,48 @@ HEADER = pathlib.Path(__file__).resolve().parents[2] / "include" / "lumbra.h"
 
 
 def documented_statuses(text):
-    """Every status value the header's comments name: the numbers and
-    ranges (a..b) in each sentence that speaks of a status, leaving out
-    return values given in parentheses ("(return 6)") and the block of
-    return values."""
-    comments = ". ".join(re.findall(r"/\*(.*?)\*/", text, re.S))
-    comments = re.sub(r"\s*\*\s+", " ", comments)
-    comments = re.sub(r"Return values.*?301\+[^.]*\.", " ", comments, flags=re.S)
+    """Every status value the header's comments name.  In each comment,
+    from its first mention of a status on: the ranges (a..b), negative
+    numbers and numbers from 1000 up, and a number right after the word
+    "status" (as in "Status 5").  Small positive numbers elsewhere are
+    counts, argument tests or return values ("(return 6)", "max(2M, 300)"),
+    and the block of return values is left out."""
+    number = r"(?<![\w.+-])(-?\d+)(?!\w|\.\d)"
+
+    def counts(v):
+        return v < 0 or v >= 1000
+
     found = set()
-    for sentence in re.split(r"(?<=[.;])\s+", comments):
-        if not re.search(r"\bstatus(es)?\b", sentence, re.I):
+    for comment in re.findall(r"/\*(.*?)\*/", text, re.S):
+        comment = re.sub(r"\s*\*\s+", " ", comment)
+        comment = re.sub(r"Return values.*?301\+[^.]*\.", " ", comment, flags=re.S)
+        start = re.search(r"\bstatus(es)?\b", comment, re.I)
+        if not start:
             continue
-        sentence = re.sub(r"\(return \d+\)", " ", sentence)
-        sentence = re.sub(r"\*status is 0", " ", sentence)
-        for lo, hi in re.findall(r"(-?\d+)\s*\.\.\s*(-?\d+)", sentence):
+        part = comment[start.start():]
+        for lo, hi in re.findall(r"(-?\d+)\s*\.\.\s*(-?\d+)", part):
             a, b = sorted((int(lo), int(hi)))
-            found.update(range(a, b + 1))
-        sentence = re.sub(r"(-?\d+)\s*\.\.\s*(-?\d+)", " ", sentence)
-        found.update(int(v) for v in re.findall(r"(?<![\w.+-])(-?\d+)(?!\w|\.\d)", sentence))
+            if counts(a) and counts(b):
+                found.update(range(a, b + 1))
+        part = re.sub(r"(-?\d+)\s*\.\.\s*(-?\d+)", " ", part)
+        found.update(v for v in map(int, re.findall(number, part)) if counts(v))
+        found.update(int(v) for v in re.findall(r"\bstatus(?:es)?:?\s+" + number, part, re.I))
     return found
 
 
 def test_parser_reads_the_header_forms():
     text = ("/* Statuses: -108 cov not ok, 1007 limit, and -1002..-1004, 10077.\n"
             " * Status 5 (return 6): a warning.  Status -103: a price below 1e-30.\n"
-            " * n >= 2 (301); cov[n][n] (302). */")
-    assert documented_statuses(text) == {-108, 1007, -1002, -1003, -1004, 10077, 5, -103}
+            " * n >= 2 (301); cov[n][n] (302) and arguments (306..311). */\n"
+            "/* Tests (303); the status (304) comes second.\n"
+            " * Statuses (return 6 for the positive ones, 5 for the negative ones):\n"
+            " *   1104   iteration limit max(2M, 300) reached; best point returned\n"
+            " *   1105   evaluation limit (3 times the iteration limit) reached\n"
+            " *  -1109   an equality misses by more than 1e-5; eigenFloor above\n"
+            " *          0.999999999999999 gives -2001. */")
+    assert documented_statuses(text) == {-108, 1007, -1002, -1003, -1004, 10077, 5, -103,
+                                         1104, 1105, -1109, -2001}
+    assert documented_statuses("/* n >= 2 (301). */") == set()
 
 
 def test_every_documented_status_has_a_message():
@@ -59,6 +75,9 @@ def test_messages_are_readable():
     assert "Cholesky" in lumbra.status_message(3, "ORXsimulGeometricBrownianX")
     assert "DSYEVR INFO 7" in lumbra.status_message(7, "ORXmodelingSDLScorr")
     assert lumbra.status_message(-2001, "ORXmodelingSDLScorr") == lumbra.STATUS_MESSAGES[-2001]
+    assert lumbra.status_message(-1102, "ORXmodelingSDLScorr") == lumbra.STATUS_MESSAGES[-1102]
+    assert "DSYEVR INFO -4" in lumbra.status_message(-4, "ORXmodelingSDLS")
+    assert lumbra.status_message(1104, "ORXmodelingSDLS") == lumbra.STATUS_MESSAGES[1104]
 
 
 def test_every_argument_of_every_export_is_named():
