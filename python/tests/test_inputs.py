@@ -45,6 +45,17 @@ def test_inputs_are_never_modified(universe):
     lumbra.modified_var(w, r, cov), lumbra.simulate_gbm(p[0], mu, universe["cov"], 5, 6)
     for before, after in zip(kept, (cov, mu, r, p, a_ub, *bounds)):
         assert np.array_equal(before, after)
+    # The nearness exports convert target and the constraint matrices.
+    target, eq = np.array([[1.0, 0.9, 0.2], [0.8, 1.0, 0.95], [0.1, 0.9, 1.0]]), np.eye(3)[None]
+    kept = target.copy()
+    for call in (lambda: lumbra.nearest_correlation(target),
+                 lambda: lumbra.nearest_psd(target, A_eq=eq, b_eq=[3.0], A_ineq=eq,
+                                            ineq_lower=[2.0], ineq_upper=[4.0])):
+        try:
+            call()
+        except lumbra.SolverError as err:
+            assert err.status == -1  # the engine isn't built: the frame ran all the same
+        assert np.array_equal(target, kept) and np.array_equal(eq[0], np.eye(3))
 
 
 def test_pandas_round_trips(frame):
