@@ -27,3 +27,25 @@ file(RELATIVE_PATH LUMBRA_PC_TO_PREFIX
 configure_file(cmake/orx-lumbra.pc.in ${CMAKE_CURRENT_BINARY_DIR}/orx-lumbra.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/orx-lumbra.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The Python package lumbra, next to the library.  The default directory,
+# lib/python3/dist-packages under the prefix, is on Debian's python3 path for
+# the prefix /usr; for another prefix add it to PYTHONPATH.  The package
+# finds the library through the relative path recorded in _installed.py, so
+# the installed tree can be moved as a whole.
+set(LUMBRA_PYTHON_INSTALL_DIR "lib/python3/dist-packages" CACHE STRING
+  "Directory, relative to the prefix or absolute, that receives the Python package")
+if(IS_ABSOLUTE "${LUMBRA_PYTHON_INSTALL_DIR}")
+  file(RELATIVE_PATH LUMBRA_PYTHON_TO_LIB
+    ${LUMBRA_PYTHON_INSTALL_DIR}/lumbra ${CMAKE_INSTALL_FULL_LIBDIR})
+else()
+  file(RELATIVE_PATH LUMBRA_PYTHON_TO_LIB
+    /prefix/${LUMBRA_PYTHON_INSTALL_DIR}/lumbra /prefix/${CMAKE_INSTALL_LIBDIR})
+endif()
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/python/_installed.py
+  "# Written by the install rules: the library's directory relative to this package.\n"
+  "LIBRARY_DIR = \"${LUMBRA_PYTHON_TO_LIB}\"\n")
+install(DIRECTORY python/lumbra/ DESTINATION ${LUMBRA_PYTHON_INSTALL_DIR}/lumbra
+  FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/python/_installed.py
+  DESTINATION ${LUMBRA_PYTHON_INSTALL_DIR}/lumbra)
