@@ -126,3 +126,55 @@ TEST(QpDegenerate, SolvedPointsAreFeasibleAndMeetTheKuhnTuckerConditions) {
   }
   EXPECT_GE(solved, 40);
 }
+
+TEST(QpDegenerate, LinearProblemsFitTheirSmallerWork) {
+  // The feasibility start's linear problems (H = 0, objective the last
+  // variable, bounded below by -1; rows in the other variables; wide
+  // bounds, so that the start vertex is full and refined) and the zero
+  // Hessian members of the degenerate family, on a work array of exactly
+  // n (n + 1) + kLinearWork(n, mi) doubles followed by a guard band (left
+  // out under AddressSanitizer, which then catches any overrun itself).
+#if defined(__SANITIZE_ADDRESS__)
+  const long guard = 0;
+#else
+  const long guard = 32;
+#endif
+  const double mark = -0x1.5555p+77;
+  std::vector<DegenerateQp> problems;
+  for (int k = 0; k < lumbra::testing::kDegenerateCount; ++k)
+    if ((k / 6) % 4 == 1) problems.push_back(lumbra::testing::degenerateProblem(k));
+  unsigned long long seed = 99;
+  auto next = [&seed]() {
+    seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
+    return static_cast<double>(seed >> 11) * 0x1.0p-53;
+  };
+  for (int N = 3; N <= 12; ++N)
+    for (int me = 0; me <= 2 && me < N - 1; ++me)
+      for (int mi = 1; mi <= 3; ++mi) {
+        DegenerateQp p;
+        p.n = N, p.me = me, p.mi = mi;
+        p.H.assign(N * N, 0.0);
+        p.c.assign(N, 0.0);
+        p.c[N - 1] = 1.0;
+        p.lower.assign(N, -1e5), p.upper.assign(N, 1e5);
+        p.lower[N - 1] = -1.0, p.upper[N - 1] = 999999986991104.0;
+        p.C.assign(N * (me + mi), 0.0), p.d.assign(me + mi, 0.0);
+        for (int j = 0; j < me + mi; ++j) {
+          for (int i = 0; i + 1 < N; ++i) p.C[i + j * N] = j == 0 ? 1.0 : next() - 0.3;
+          p.d[j] = j == 0 ? 1.0 : 0.2 + next();
+        }
+        problems.push_back(p);
+      }
+  for (const DegenerateQp& p : problems) {
+    const int n = p.n, m = p.me + p.mi;
+    const long size = static_cast<long>(n) * (n + 1) + lumbra::qp::kLinearWork(n, p.mi);
+    Vec H = p.H, c = p.c, C = p.C, d = p.d, lo = p.lower, up = p.upper;
+    Vec work(size + guard, mark), x(n, 0.0), mult(n + m, 0.0);
+    std::vector<int> iwork(3 * n + p.me + 2 * p.mi + 1);
+    int status = 0;
+    lumbra::qp::qpDriver(n, H.data(), c.data(), p.me, p.mi, C.data(), d.data(), lo.data(),
+                         up.data(), iwork.data(), work.data(), mult.data(), x.data(), status);
+    for (long k = size; k < size + guard; ++k)
+      EXPECT_TRUE(work[k] == mark) << "n " << n << " mi " << p.mi << ": overrun at " << k;
+  }
+}
