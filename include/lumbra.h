@@ -48,7 +48,9 @@ extern "C" {
  * equalities first, inequalities as cons_j' w <= rhs_j (306, converted);
  * rhs (307); lower[n] (308, also lower > upper); upper[n] (309);
  * weights[n] out.  Statuses: -108 cov not positive definite, -100 no
- * feasible portfolio, -101 inconsistent constraints, 1007 iteration limit,
+ * feasible portfolio, -101 inconsistent constraints, -109 the solver ended
+ * but its point misses a row or bound by more than 1e-8 relative (accuracy
+ * lost on degenerate data; weights hold that point), 1007 iteration limit,
  * and the solver statuses -1002..-1008, 10077, -10078. */
 LUMBRA_API int ORXallocMV(int* n, double* cov, double* mu, int* nEq, int* nIneq,
                           double* cons, double* rhs, double* lower, double* upper,
@@ -66,7 +68,9 @@ LUMBRA_API int ORXallocIT(int* n, double* cov, double* mu, double* benchCov,
 /* Fully invested portfolio of largest Sharpe ratio over *riskFree.
  * Arguments and tests as ORXallocMV.  Statuses as ORXallocMV plus -113 (the
  * scale variable of the homogeneous problem vanished); -100 when no feasible
- * portfolio beats the risk-free rate. */
+ * portfolio beats the risk-free rate; -109 when the solved portfolio misses
+ * the budget, w >= 0, an inequality or a bound by more than 1e-8 relative,
+ * or its scale is not positive. */
 LUMBRA_API int ORXallocSharpeRatio(int* n, double* cov, double* mu, int* nEq,
                                    int* nIneq, double* cons, double* rhs,
                                    double* lower, double* upper, double* riskFree,

@@ -14,6 +14,10 @@ inline constexpr int kStatusInfeasible = -100;       // no feasible portfolio
 inline constexpr int kStatusInconsistent = -101;     // solver: constraints inconsistent
 inline constexpr int kStatusNotDefinite = -108;      // covariance failed its test
 inline constexpr int kStatusNoScale = -113;          // Sharpe scale variable vanished
+// The solver ended normally, but its point misses a constraint or bound by
+// more than the tolerance of allocPointMeets: accuracy lost on degenerate
+// data.  Not "no feasible portfolio" (-100): one may well exist.
+inline constexpr int kStatusInaccurate = -109;
 inline constexpr int kStatusViolated = 1111;         // feasible start: point violates a row
 inline constexpr int kStatusAuxiliaryBuild = -8888;  // auxiliary matrix could not be filled
 // Driver status for "no point meets the constraints".
@@ -92,6 +96,22 @@ void allocSharpeBuildProblem(const int& n, const double* mu, const double& riskF
                              const int& nEq, const int& nIneq, const double* cons,
                              const double* rhs, const double* lower, const double* upper,
                              int& me, int& mi, double* C, double* d);
+
+// ---- result check -------------------------------------------------------------
+
+// True when x meets the rows (first me equalities, then inequalities; C with
+// leading dimension n) and the bounds, each within 1e-8 (single precision)
+// times the largest of 1, |limit| and the sum of |C_ij x_i|.  A NaN fails.
+bool allocPointMeets(const int& n, const double* x, const int& me, const int& mi,
+                     const double* C, const double* d, const double* lower,
+                     const double* upper);
+
+// The same check of a Sharpe-ratio portfolio against what the homogeneous
+// problem imposes: sum(w) = 1, w >= 0, the caller's inequality columns and
+// the bounds (not the caller's equalities, which that problem leaves out).
+bool allocSharpeWeightsMeet(const int& n, const double* w, const int& nEq, const int& nIneq,
+                            const double* cons, const double* rhs, const double* lower,
+                            const double* upper);
 
 // ---- feasibility ------------------------------------------------------------
 

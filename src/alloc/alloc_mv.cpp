@@ -110,6 +110,13 @@ void allocMV(const int& n, double* cov, const double* mu, const int& nEq, const 
   if (!allocCovarianceUsable(n, cov, iwork, work, status)) return;
   allocMVSolve(n, cov, mu, nEq, nIneq, cons, rhs, lower, upper, target, iwork, work, weights,
                status);
+  if (status != 0) return;
+  // The problem still stands in the work array: refuse a point that misses
+  // it (the caller's rows, the return row, the bounds).
+  AllocLayout w;
+  allocCarve(n, nEq + nIneq, work, w);
+  if (!allocPointMeets(n, weights, nEq, nIneq + 1, w.C, w.d, lower, upper))
+    status = kStatusInaccurate;
 }
 
 // The caller's rows and bounds within the tolerance, then the excess

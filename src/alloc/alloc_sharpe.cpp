@@ -140,6 +140,11 @@ void allocSharpeRatio(const int& n, double* cov, const double* mu, const int& nE
   // w = y / tau, whatever the driver reported: an unfinished solve still
   // comes back as a scaled iterate.
   for (i64 i = 0; i < n; ++i) weights[i] = z[i] / tau;
+  // A solve that ended normally must give a portfolio of the problem: a
+  // positive scale and weights that meet the budget, the rows and bounds.
+  if (status == 0 && (!(tau > 0.0) ||
+                      !allocSharpeWeightsMeet(n, weights, nEq, nIneq, cons, rhs, lower, upper)))
+    status = kStatusInaccurate;
 }
 
 }  // namespace lumbra::alloc

@@ -1,6 +1,7 @@
 // Search direction of the active-set QP solver in the null space of the
 // working set, and the small triangular solves it shares with the rest of
 // the solver.
+#include <algorithm>
 #include <cmath>
 
 #include "kernels/blas.h"
@@ -233,10 +234,10 @@ void qpDirection(const double* Z, const int& ldq, const double* T, const int& ld
     drop = 1;
     for (i64 i = 0; i < n; ++i) p[i] = 0.0;
   } else if (nz > 0) {
-    // Z times y read backwards, through the second half of y
-    const int nzi = nz, one = 1, back = -1;
-    dcopy_(&nzi, y, &one, &y[nz], &back);
-    qpColumnCombination(Z, ldq, n, nz, &y[nz], p);
+    // Z times y read backwards: y is reversed in place (it is not read
+    // again), so that this stage needs no room beyond its nz entries.
+    std::reverse(y, y + nz);
+    qpColumnCombination(Z, ldq, n, nz, y, p);
   } else {
     for (i64 i = 0; i < n; ++i) p[i] = 0.0;
   }

@@ -374,10 +374,11 @@ int stepAndUpdate(Loop& L) {
 }
 
 // Stores the objective behind the kact multipliers and returns its 1-based
-// position in w.
+// position in w.  Called once the loop has ended, when the gradient's place
+// is free to hold H x.
 int storeObjective(Loop& L, double* w) {
   const i64 pos = i64{L.n} + L.mi + L.kact;
-  const double f = qpObjective(L.HR, L.ldh, L.g, L.x, L.y + 1, L.scale, L.n);
+  const double f = qpObjective(L.HR, L.ldh, L.g, L.x, L.G, L.scale, L.n);
   w[pos] = f;
   return static_cast<int>(pos + 1);
 }
@@ -514,7 +515,12 @@ void OPTR03(const double* C, const int& ldc, double* Q, const int& ldq, double* 
   kcur = L.kcur;
   if (status != 0) return;
 
-  qpRefine(Q, ldq, R(L), ldh, C, ldc, b, CI, CS, x, L.y + 1, list, n, L.kact, me, L.kcur, mi,
+  // The refinement's residuals go behind the multipliers and the place of
+  // the objective, its correction to the gradient's place, which the loop
+  // no longer needs: so the whole of it, with a full working set, takes
+  // 3n + mi + 1 doubles, within what a linear problem's solve has.
+  double* e = L.mult + L.kact + 1;
+  qpRefine(Q, ldq, R(L), ldh, C, ldc, b, CI, CS, x, e, L.G, list, n, L.kact, me, L.kcur, mi,
            status);
   if (wantObjective != 0) wantObjective = storeObjective(L, w);
 }

@@ -76,8 +76,9 @@ double qpObjective(const double* H, const int& ldh, const double* g, const doubl
 // R'u = e, d = Q(:,0:k-1) u; x += d unless that raises the largest violation.
 void qpRefine(const double* Q, const int& ldq, const double* R, const int& ldr,
               const double* C, const int& ldc, const double* b, const double* CI,
-              const double* CS, double* x, double* e, const int* list, const int& n,
-              const int& k, const int& me, const int& kcur, const int& mi, int& status) {
+              const double* CS, double* x, double* e, double* d, const int* list,
+              const int& n, const int& k, const int& me, const int& kcur, const int& mi,
+              int& status) {
   bool refine = false;
   for (i64 j = 0; j < k; ++j) {
     const i64 c = list[j];
@@ -104,7 +105,6 @@ void qpRefine(const double* Q, const int& ldq, const double* R, const int& ldr,
   }
   if (!refine) return;
 
-  double* d = e + k;
   qpTriSolve(R, ldr, k, e, e, 1);
   const char trans = 'N';
   dgemv_(&trans, &n, &k, &kUnit, Q, &ldq, e, &kOne, &kZero, d, &kOne, 1);

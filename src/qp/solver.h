@@ -18,8 +18,28 @@
 //                                 [2n+mi, ...) reduced vector y, saved
 //                                 multipliers, products C_j'p; the factor
 //                                 updates use the space from n+mi on.
+//                                 After the loop the refinement puts its
+//                                 correction at [0,n) and its residuals
+//                                 behind the objective.
 //   qpCore  n(n+1) + kMainWork(n, mi)
-// Integer work of qpCore: n + mi (IRE), n + me + mi + 1 (list), n + 3 (ipvt).
+// Integer work of qpCore: n + mi (IRE), n + me + mi + 1 (list), n (ipvt).
+//
+// Demand of OPTR03 by path, with k the size of the working set:
+//   OPTR01                                3n + 2mi
+//   pass: y of the direction (2 nz in the singular-tail case, nz otherwise),
+//         saved multipliers (k), products and projections (mi + nz),
+//         all from 2n + mi                at most 4n + mi
+//   ANFM04 (3(n-k) + 1 from n + mi)      at most 4n + mi - 2
+//   ANFM05 (cs and 2m + 3, m = nz - 1)    at most 5n + mi - 1
+//   ANFM03, ANFM06                        at most 3n + mi
+//   refinement and objective              at most 3n + mi + 1
+// A zero Hessian, as in the linear problem of the feasibility start, has
+// no curvature in any direction: every factor of the reduced Hessian has
+// status nz, so ANFM05 returns at once, the singular-tail direction never
+// runs and the pass needs no more than 3n + 2mi.  That problem's demand is
+// therefore kLinearWork, which is what the tightest caller (the
+// tracking-error allocator's feasibility start, 4n + 2mi - 3 doubles for
+// n >= 3 and mi >= 1) can give.
 #pragma once
 #include "kernels/index.h"
 
@@ -30,6 +50,16 @@ constexpr i64 kMainWork(i64 n, i64 mi) {
   const i64 a = 5 * n + mi - 1;
   const i64 b = 3 * n + 2 * mi;
   return a > b ? a : b;
+}
+
+// Doubles of OPTR03's work array when H = 0: max(3n + 2mi, 4n + mi - 2,
+// 3n + mi + 1).
+constexpr i64 kLinearWork(i64 n, i64 mi) {
+  const i64 a = 3 * n + 2 * mi;
+  const i64 b = 4 * n + mi - 2;
+  const i64 c = 3 * n + mi + 1;
+  const i64 ab = a > b ? a : b;
+  return ab > c ? ab : c;
 }
 
 // ---- feasible point search -------------------------------------------------
@@ -68,11 +98,14 @@ void OPTR03(const double* C, const int& ldc, double* Q, const int& ldq, double* 
 // ---- refinement and measures ------------------------------------------------
 
 // One step of iterative refinement of x against the working set, kept
-// unless it raises the largest violation.  e: k + n doubles.
+// unless it raises the largest violation.  e: k doubles (residuals, then
+// the solution u of R'u = e); d: n doubles (the correction Q(:,0:k-1) u).
+// The two are separate so that the caller can place them apart.
 void qpRefine(const double* Q, const int& ldq, const double* R, const int& ldr,
               const double* C, const int& ldc, const double* b, const double* CI,
-              const double* CS, double* x, double* e, const int* list, const int& n,
-              const int& k, const int& me, const int& kcur, const int& mi, int& status);
+              const double* CS, double* x, double* e, double* d, const int* list,
+              const int& n, const int& k, const int& me, const int& kcur, const int& mi,
+              int& status);
 
 // Largest violation of the constraints at x (C with leading dimension n).
 void qpViolation(const int& n, const double* x, const int& me, const int& mi, const double* C,

@@ -4,7 +4,9 @@
 // 300; equalities, inequalities, bounds, fixed and absent bounds, dependent
 // and inconsistent rows, degenerate vertices, infeasible sets, zero,
 // semi-definite and indefinite Hessians, and the long-only mean-variance
-// problem of bench_qp), solves each one and renders the outcome as text:
+// problem of bench_qp), then exactly degenerate ones (tied data, zero-width
+// bounds, repeated and scaled rows, pinned budgets; allocator problems on
+// tied data), solves each one and renders the outcome as text:
 // status, passes of the main loop, x, the multipliers and the objective in
 // hexadecimal (%a), so that every bit and the sign of every zero counts.
 //
@@ -31,6 +33,7 @@
 #include "lumbra.h"
 #include "qp/qp.h"
 #include "qp/solver.h"
+#include "../degenerate_problems.h"
 
 namespace {
 
@@ -308,6 +311,54 @@ Alloc randomAlloc(Rng& r, int n) {
   return a;
 }
 
+// Row-major allocator problems on exactly tied data (diagonal covariance).
+Alloc tiedAlloc(int k) {
+  Alloc a;
+  auto diagonal = [&a](std::initializer_list<double> v) {
+    a.n = static_cast<int>(v.size());
+    a.cov.assign(static_cast<size_t>(a.n) * a.n, 0.0);
+    int i = 0;
+    for (double x : v) a.cov[i * size_t(a.n) + i] = x, ++i;
+  };
+  if (k == 0) {
+    a.n = 2, a.nIneq = 1;
+    a.cov = {.04, 0, 0, .08}, a.mu = {.05, .10}, a.q = {.01, .01};
+    a.cons = {1, 1}, a.rhs = {1}, a.lower = {-1e5, -1e5}, a.upper = {1e5, 1e5};
+    a.benchReturn = a.target = .05, a.riskFree = 0.0;
+  } else if (k == 1) {
+    diagonal({0.03225, 0.01725, 0.01725, 1.626, 3.126});
+    a.mu = {3.78125, -0.0003125, -3.125, -3.125, -2.8125};
+    a.q = {0.031875, 0.0171875, 3.53125, 0.0378125, 0.0178125};
+    a.lower = {3.09375, -0.0003125, -0.0003125, -2.8125, 0.031875};
+    a.upper = {3.09375, 0.0134375, 0, -2.78125, 0.063125};
+    a.cons = {0.0}, a.rhs = {0.0};
+  } else if (k == 2) {
+    diagonal({0.0025625, 0.001, 0.0013125, 0.09475, 0.0050625, 0.0200625, 0.001});
+    a.mu = {0, -0.09375, -0.03125, 0, 0, -0.03125, 0};
+    a.lower = {0, 0, 0, 0, 0.0025, 0, 0.0246875};
+    a.upper = {1, 0, 0, 0.03125, 0.0028125, 0.09375, 0.5246875};
+    a.cons = {0.0}, a.rhs = {0.0}, a.riskFree = -0.0003125;
+    a.q.assign(a.n, 0.0);
+  } else {
+    diagonal({3.34475, 3.34475, 0.001, 0.001, 0.001, 0.0056875, 0.016, 1.5635});
+    a.nEq = 3, a.nIneq = 3;
+    a.mu = {0.0159375, 1, 0, 0.0378125, -0.03125, -0.03125, -0.03125, -0.03125};
+    a.lower = {-0.036875, -0.036875, -0.036875, -0.036875, -0.036875, 0, 0.03, 0.0009375};
+    a.upper = {1.963125, 3.619375, 3.619375, 3.619375, 3.619375, 3.65625, 3.7175, 3.6571875};
+    a.cons = {0, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, 0, 0.03,
+              0.0009375, -2, -3.65625, -3.65625, -3.65625, -3.65625, -3.65625, -3.65625, 0,
+              -0.036875, -0.036875, 0.035312500000000004, -0.036875, -0.0003125, -0.03125,
+              -0.15625, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875,
+              -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875,
+              -0.036875, -0.036875, -0.036875, 0, 0, 0, 0.0021875, -0.036875, -0.036875,
+              -0.036875};
+    a.rhs.assign(6, -0.036875);
+    a.target = -3.65625;
+    a.q.assign(a.n, 0.0);
+  }
+  return a;
+}
+
 // The three exports on fresh copies (they convert their matrices in place).
 std::string allocRecord(const std::string& name, const Alloc& a) {
   std::string t;
@@ -365,6 +416,19 @@ std::vector<std::pair<std::string, std::string>> corpus(bool full) {
     const int n = k < 70 ? 2 + r.below(30) : 31 + r.below(120);
     add("alloc" + std::to_string(k), allocRecord("alloc" + std::to_string(k), randomAlloc(r, n)));
   }
+  // Degenerate problems: ties, zero-width bounds, repeated rows, pinned
+  // budgets (appended, so that the records above keep their digests).
+  for (int k = 0; k < lumbra::testing::kDegenerateCount; ++k) {
+    const lumbra::testing::DegenerateQp g = lumbra::testing::degenerateProblem(k);
+    Qp p;
+    p.n = g.n, p.me = g.me, p.mi = g.mi;
+    p.H = g.H, p.c = g.c, p.C = g.C, p.d = g.d, p.lower = g.lower, p.upper = g.upper;
+    add("degenerate" + std::to_string(k), solveRecord("degenerate" + std::to_string(k), p));
+  }
+  // Allocator problems on exactly tied data: the two tracking-error
+  // problems whose feasibility start once overran its work, and the tied
+  // Sharpe-ratio and mean-variance problems that the closing check refuses.
+  for (int k = 0; k < 4; ++k) add("tied" + std::to_string(k), allocRecord("tied" + std::to_string(k), tiedAlloc(k)));
   return out;
 }
 
