@@ -33,8 +33,10 @@
  * lower bound against its upper bound, a price, a density point).  Data
  * holding a NaN or an infinity are refused before they are computed with:
  *   -100  allocators: mu, benchCov, cons, rhs, target, benchReturn,
- *         excess, riskFree; a bound of +inf below or -inf above (an
- *         infinite bound on its own side means "no bound")
+ *         excess, riskFree not finite or above sqrt(DBL_MAX) ~ 1.34e154 in
+ *         magnitude (a product of two would overflow); a bound of +inf
+ *         below or -inf above (an infinite bound on its own side means "no
+ *         bound")
  *   -108  allocators: cov (it fails the definiteness test)
  *   -103  returns, ex-ante and ex-post return: a return that is not finite
  *   -104  covariance, correlation, volatilities, both VaRs, kernel density:
@@ -71,9 +73,10 @@ extern "C" {
  * equalities first, inequalities as cons_j' w <= rhs_j (306, converted);
  * rhs (307); lower[n] (308, also lower > upper); upper[n] (309);
  * weights[n] out.  Statuses: -108 cov not positive definite (or not
- * finite), -100 no feasible portfolio (also: data not finite), -101
- * inconsistent constraints, 1007 iteration limit, and the solver statuses
- * -1002..-1008, 10077, -10078.  A NaN bound fails the scan (308). */
+ * finite), -100 no feasible portfolio (also: data not finite or beyond
+ * 1.34e154 in magnitude), -101 inconsistent constraints, 1007 iteration
+ * limit, and the solver statuses -1002..-1008, 10077, -10078.  A NaN
+ * bound fails the scan (308). */
 LUMBRA_API int ORXallocMV(int* n, double* cov, double* mu, int* nEq, int* nIneq,
                           double* cons, double* rhs, double* lower, double* upper,
                           double* target, double* weights, int* status);
