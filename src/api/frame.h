@@ -78,7 +78,8 @@ struct FrameCall {
   i64 outRows = 0;
   i64 outCols = 0;
   // Engine status that replaces a status >= 0 when the result holds a NaN or
-  // an infinity (an overflow the input tests could not foresee).
+  // an infinity (an overflow the input tests could not foresee).  Every
+  // export whose engine computes a result sets it to its family's failure.
   int notFinite = 0;
 };
 
