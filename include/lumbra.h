@@ -22,6 +22,31 @@
  * Status -1 means "engine not available in this build": the export ran its
  * whole frame (tests, clearing, work arrays, layout conversion) but the
  * computation behind it is not part of this release.
+ *
+ * If the temporary of a layout conversion cannot be obtained, the matrix is
+ * rewritten in place without it: the call gives the same result.
+ *
+ * NaN and infinities.  No call returns 0 or 6 with a NaN or an infinity in
+ * its outputs, and no output ever holds one: a result that is not finite
+ * (an overflow, say) is cleared and the call returns 5 with the status of
+ * its family.  A NaN fails every range test of an argument (a VaR level, a
+ * lower bound against its upper bound, a price, a density point).  Data
+ * holding a NaN or an infinity are refused before they are computed with:
+ *   -100  allocators: mu, benchCov, cons, rhs, target, benchReturn,
+ *         excess, riskFree not finite or above sqrt(DBL_MAX) ~ 1.34e154 in
+ *         magnitude (a product of two would overflow); a bound of +inf
+ *         below or -inf above (an infinite bound on its own side means "no
+ *         bound")
+ *   -108  allocators: cov (it fails the definiteness test)
+ *   -103  returns, ex-ante and ex-post return: a return that is not finite
+ *   -104  covariance, correlation, volatilities, both VaRs, kernel density:
+ *         data, or a variance or result, that is not finite (also a
+ *         negative w' Sigma w and a sample of zero spread in the density)
+ *   -5    simulation: cov holds a NaN or an infinity (reported as LAPACK
+ *         reports an illegal matrix; no such matrix reaches LAPACK)
+ *   -104  simulation: a start price, drift or simulated price not finite
+ *   -2    simulation: a negative horizon
+ * The README lists every export against these values.
  */
 #ifndef ORX_LUMBRA_H
 #define ORX_LUMBRA_H
@@ -47,11 +72,13 @@ extern "C" {
  * nIneq >= 0 (305); cons[n][nEq+nIneq] one column per constraint,
  * equalities first, inequalities as cons_j' w <= rhs_j (306, converted);
  * rhs (307); lower[n] (308, also lower > upper); upper[n] (309);
- * weights[n] out.  Statuses: -108 cov not positive definite, -100 no
- * feasible portfolio, -101 inconsistent constraints, -109 the solver ended
- * but its point misses a row or bound by more than 1e-8 relative (accuracy
- * lost on degenerate data; weights hold that point), 1007 iteration limit,
- * and the solver statuses -1002..-1008, 10077, -10078. */
+ * weights[n] out.  Statuses: -108 cov not positive definite (or not
+ * finite), -100 no feasible portfolio (also: data not finite or beyond
+ * 1.34e154 in magnitude), -101 inconsistent constraints, -109 the solver
+ * ended but its point misses a row or bound by more than 1e-8 relative
+ * (accuracy lost on degenerate data; weights hold that point), 1007
+ * iteration limit, and the solver statuses -1002..-1008, 10077, -10078.
+ * A NaN bound fails the scan (308). */
 LUMBRA_API int ORXallocMV(int* n, double* cov, double* mu, int* nEq, int* nIneq,
                           double* cons, double* rhs, double* lower, double* upper,
                           double* target, double* weights, int* status);
@@ -79,8 +106,9 @@ LUMBRA_API int ORXallocSharpeRatio(int* n, double* cov, double* mu, int* nEq,
 /* ---- Data modelling -------------------------------------------------- */
 
 /* Simple returns over *lag rows: result[nObs-lag][nSeries].
- * nObs >= 2 (301); nSeries >= 1 (302); prices[nObs][nSeries] all > 0 (303,
- * converted); 0 < lag < nObs (304).  Status -103: a price below 1e-30.
+ * nObs >= 2 (301); nSeries >= 1 (302); prices[nObs][nSeries] all positive
+ * and finite (303, converted); 0 < lag < nObs (304).  Status -103: a price
+ * below 1e-30, or a return that overflows.
  * result is cleared over nSeries * (nObs - lag) doubles even when the lag
  * is refused, so size it from the lag passed. */
 LUMBRA_API int ORXmodelingReturns(int* nObs, int* nSeries, double* prices, int* lag,
@@ -92,19 +120,22 @@ LUMBRA_API int ORXmodelingLogReturns(int* nObs, int* nSeries, double* prices,
 
 /* Sample covariance (divisor nObs - 1, scale in single precision):
  * nObs >= 2 (301); nAssets >= 1 (302); returns[nObs][nAssets] (303,
- * converted); result[nAssets][nAssets]. */
+ * converted); result[nAssets][nAssets].  Status -104: data or a result
+ * that is not finite. */
 LUMBRA_API int ORXmodelingCov(int* nObs, int* nAssets, double* returns,
                               double* result, int* status);
 
 /* Sample correlation, arguments as ORXmodelingCov.  Status 5 (return 6):
- * an asset of (near) zero variance, whose correlations are set to 0. */
+ * an asset of (near) zero variance, whose correlations are set to 0.
+ * Status -104: data or a covariance that is not finite. */
 LUMBRA_API int ORXmodelingCorr(int* nObs, int* nAssets, double* returns,
                                double* result, int* status);
 
 /* Nearest symmetric matrix to target[n][n] with eigenvalues >= *eigenFloor
  * under nEq equalities <A_k, X> = eqValues[k] and nIneq inequalities
  * ineqLower[k] <= <B_k, X> <= ineqUpper[k]; the matrices stand side by side
- * in eqMatrices[n][nEq*n] and ineqMatrices[n][nIneq*n].  Tests 301..311. */
+ * in eqMatrices[n][nEq*n] and ineqMatrices[n][nIneq*n].  Tests 301..311
+ * (a NaN in ineqLower or ineqUpper fails the scan, 308). */
 LUMBRA_API int ORXmodelingSDLS(int* n, double* target, int* nEq, double* eqMatrices,
                                double* eqValues, int* nIneq, double* ineqMatrices,
                                double* ineqLower, double* ineqUpper,
@@ -118,38 +149,46 @@ LUMBRA_API int ORXmodelingSDLScorr(int* n, double* target, double* tolerance,
 
 /* ---- Risk analysis --------------------------------------------------- */
 
-/* w' mu.  n >= 1 (301); mu (302); weights (303). */
+/* w' mu.  n >= 1 (301); mu (302); weights (303).  Status -103: a result
+ * that is not finite. */
 LUMBRA_API int ORXanalysisExanteReturn(int* n, double* mu, double* weights,
                                        double* result, int* status);
 
-/* sqrt(w' Sigma w).  n >= 1 (301); cov (302, converted); weights (303). */
+/* sqrt(w' Sigma w).  n >= 1 (301); cov (302, converted); weights (303).
+ * Status -104: a result that is not finite (NaN data, w' Sigma w < 0). */
 LUMBRA_API int ORXanalysisExanteVolatility(int* n, double* cov, double* weights,
                                            double* result, int* status);
 
-/* Normal value at risk w'mu - sigma z(level).  0 < level < 1 (305).
- * Status -102: level outside the engine's limits. */
+/* Normal value at risk w'mu - sigma z(level).  0 < level < 1 (305; NaN
+ * is refused).  Status -102: level outside the engine's limits; -104: a
+ * result that is not finite (NaN data, a negative w' Sigma w). */
 LUMBRA_API int ORXanalysisExanteNormalVaR(int* n, double* cov, double* mu,
                                           double* weights, double* level,
                                           double* result, int* status);
 
 /* Modified (Cornish-Fisher) value at risk from a return history
  * returns[nObs][nAssets] (nObs >= 4) and a covariance cov[nAssets][nAssets].
- * 0 < level < 1 (306).  Statuses -102, -104, -1000, -2. */
+ * 0 < level < 1 (306; NaN is refused).  Statuses -102, -104 (also weights,
+ * returns or cov not finite, or a result that is not), -1000, -2. */
 LUMBRA_API int ORXanalysisExanteModifiedVaR(int* nObs, int* nAssets, double* weights,
                                             double* returns, double* cov,
                                             double* level, double* result,
                                             int* status);
 
-/* Mean of series[n].  n >= 1 (301); series (302). */
+/* Mean of series[n].  n >= 1 (301); series (302).  Status -103: a result
+ * that is not finite. */
 LUMBRA_API int ORXanalysisExpostReturn(int* n, double* series, double* result,
                                        int* status);
 
-/* Sample standard deviation of series[n].  n >= 2 (301); series (302). */
+/* Sample standard deviation of series[n].  n >= 2 (301); series (302).
+ * Status -104: a result that is not finite. */
 LUMBRA_API int ORXanalysisExpostVolatility(int* n, double* series, double* result,
                                            int* status);
 
 /* Gaussian kernel density of data[nObs] (nObs >= 2, 301) at the
- * non-decreasing points[nPoints] (nPoints >= 1, 302; 304): result[nPoints]. */
+ * non-decreasing points[nPoints] (nPoints >= 1, 302; 304, also for a NaN
+ * point): result[nPoints].  Status -104: data not finite, or a sample of
+ * zero spread (no bandwidth). */
 LUMBRA_API int ORXanalysisGaussianKernel(int* nObs, int* nPoints, double* data,
                                          double* points, double* result, int* status);
 
@@ -160,7 +199,9 @@ LUMBRA_API int ORXanalysisGaussianKernel(int* nObs, int* nPoints, double* data,
  * converted), time step horizon / steps.  The caller guarantees n >= 1 and
  * steps >= 1.  A positive status (return 6) is DPOTRF's INFO: the
  * covariance has no Cholesky factor even after its eigenvalues were floored,
- * and the paths then carry no shocks. */
+ * and the paths then carry no shocks.  Failures: -2 a negative horizon;
+ * -5 cov holds a NaN or an infinity (the paths hold the start row); -104
+ * start or drift not finite, or simulated prices beyond the double range. */
 LUMBRA_API int ORXsimulGeometricBrownianX(int* n, int* horizon, int* steps,
                                           double* start, double* drift, double* cov,
                                           double* paths, int* status);

@@ -36,6 +36,19 @@ inline constexpr double kScaleFloor = 9.999999960041972e-13;
 // one hundred times single-precision 1e-12.
 inline constexpr double kSharpeMargin = 9.999999960041972e-11;
 
+// ---- data test ----------------------------------------------------------------
+
+// The data test every allocator runs before any arithmetic: mu, benchCov
+// (when not null), cons (n by nEq + nIneq), rhs and the two scalars (the
+// target, or the benchmark return and the excess, or the risk-free rate
+// twice) must be finite and at most sqrt(DBL_MAX) ~ 1.34e154 in magnitude;
+// a bound may be infinite on its own side only (lower = -inf, upper =
+// +inf), never NaN.  Otherwise status := -100 and the result is false.
+bool allocDataUsable(const int& n, const double* mu, const double* benchCov, const int& nEq,
+                     const int& nIneq, const double* cons, const double* rhs,
+                     const double* lower, const double* upper, const double& first,
+                     const double& second, int& status);
+
 // ---- mean-variance and tracking-error problems ------------------------------
 
 // The carving of the real work array shared by the mean-variance and

@@ -107,6 +107,8 @@ void allocMV(const int& n, double* cov, const double* mu, const int& nEq, const 
              const double* cons, const double* rhs, const double* lower, const double* upper,
              const double& target, int* iwork, double* work, double* weights, int& status) {
   status = 0;
+  if (!allocDataUsable(n, mu, nullptr, nEq, nIneq, cons, rhs, lower, upper, target, target,
+                       status)) return;
   if (!allocCovarianceUsable(n, cov, iwork, work, status)) return;
   allocMVSolve(n, cov, mu, nEq, nIneq, cons, rhs, lower, upper, target, iwork, work, weights,
                status);
@@ -140,6 +142,8 @@ void allocIT(const int& n, double* cov, const double* mu, const double* benchCov
              const double* rhs, const double* lower, const double* upper,
              const double& excess, int* iwork, double* work, double* weights, int& status) {
   status = 0;
+  if (!allocDataUsable(n, mu, benchCov, nEq, nIneq, cons, rhs, lower, upper, benchReturn,
+                       excess, status)) return;
   if (!allocCovarianceUsable(n, cov, iwork, work, status)) return;
   AllocLayout w;
   allocCarve(n, nEq + nIneq, work, w);

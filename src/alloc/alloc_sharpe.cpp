@@ -106,6 +106,8 @@ void allocSharpeRatio(const int& n, double* cov, const double* mu, const int& nE
 
   vecFill(n, weights, kZero);
   status = 0;
+  if (!allocDataUsable(n, mu, nullptr, nEq, nIneq, cons, rhs, lower, upper, riskFree,
+                       riskFree, status)) return;
   if (!allocCovarianceUsable(n, cov, iwork, rest, status)) return;
 
   // Stage 1: a mean-variance problem with the budget as first equality and

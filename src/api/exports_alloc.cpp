@@ -1,5 +1,6 @@
 // Exports of the portfolio allocators.
 #include "alloc/alloc.h"
+#include "alloc/alloc_internal.h"
 #include "api/frame.h"
 #include "lumbra.h"
 
@@ -16,7 +17,8 @@ constexpr AllocArgs kITArgs{1, 2, 3, 4, 6, 7, 8, 9, 10, 11};
 
 // The allocators' argument tests: one chain stopping at its first failure, a
 // negative nIneq replacing it, and, if the chain passed, the scan of the
-// bounds (lower > upper reports lower; NaN passes).
+// bounds (a lower bound not at or below its upper bound reports lower, so
+// that a NaN in either is refused too).
 int allocArgumentStatus(const AllocArgs& pos, int n, const void* cov, const void* mu,
                         const void* benchCov, int nEq, int nIneq, const void* cons,
                         const void* rhs, const double* lower, const double* upper) {
@@ -33,7 +35,7 @@ int allocArgumentStatus(const AllocArgs& pos, int n, const void* cov, const void
   if (nIneq < 0) return kArgBase + pos.nIneq;
   if (failed == 0) {
     for (i64 i = 0; i < n; ++i)
-      if (lower[i] > upper[i]) return kArgBase + pos.lower;
+      if (!(lower[i] <= upper[i])) return kArgBase + pos.lower;
   }
   return failed == 0 ? 0 : kArgBase + failed;
 }
@@ -50,6 +52,7 @@ FrameCall allocFrame(int failure, int n, double* cov, int nEq, int nIneq, double
   call.in[0] = {cov, n, n};
   call.in[1] = {cons, n, i64{nEq} + nIneq};
   call.nIn = 2;
+  call.notFinite = alloc::kStatusInfeasible;
   return call;
 }
 

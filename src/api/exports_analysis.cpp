@@ -9,16 +9,19 @@ using namespace lumbra::api;
 
 namespace {
 
-// A value-at-risk level must lie strictly inside (0, 1).
-bool levelRefused(double level) { return level >= 1.0 || level <= 0.0; }
+// A value-at-risk level must lie strictly inside (0, 1); written as a
+// negated comparison so that a NaN is refused too.
+bool levelRefused(double level) { return !(level > 0.0 && level < 1.0); }
 
-// Frame of an export with a scalar result and no work array.
-FrameCall scalarFrame(int failure, double* result, int* status) {
+// Frame of an export with a scalar result and no work array; a result that
+// is not finite ends with notFinite.
+FrameCall scalarFrame(int failure, double* result, int* status, int notFinite) {
   FrameCall call;
   call.failure = failure;
   call.out = result;
   call.outCount = 1;
   call.status = status;
+  call.notFinite = notFinite;
   return call;
 }
 
@@ -30,7 +33,8 @@ extern "C" LUMBRA_API int ORXanalysisExanteReturn(int* n, double* mu, double* we
   if (*n < 1) failure = kArgBase + 1;
   else if (weights == nullptr) failure = kArgBase + 3;
   else if (mu == nullptr) failure = kArgBase + 2;
-  return runFrame(scalarFrame(failure, result, status), [&](int*, double*) {
+  return runFrame(scalarFrame(failure, result, status, stats::kStatusUnusableReturn),
+                  [&](int*, double*) {
     stats::analysisPortfolioReturn(*n, mu, weights, *result, *status);
   });
 }
@@ -41,7 +45,7 @@ extern "C" LUMBRA_API int ORXanalysisExanteVolatility(int* n, double* cov, doubl
   if (*n < 1) failure = kArgBase + 1;
   else if (weights == nullptr) failure = kArgBase + 3;
   else if (cov == nullptr) failure = kArgBase + 2;
-  FrameCall call = scalarFrame(failure, result, status);
+  FrameCall call = scalarFrame(failure, result, status, stats::kStatusUnusableVariance);
   call.in[0] = {cov, *n, *n};
   call.nIn = 1;
   return runFrame(call, [&](int*, double*) {
@@ -58,7 +62,7 @@ extern "C" LUMBRA_API int ORXanalysisExanteNormalVaR(int* n, double* cov, double
   else if (mu == nullptr) failure = kArgBase + 3;
   else if (cov == nullptr) failure = kArgBase + 2;
   if (levelRefused(*level)) failure = kArgBase + 5;
-  FrameCall call = scalarFrame(failure, result, status);
+  FrameCall call = scalarFrame(failure, result, status, stats::kStatusUnusableVariance);
   call.in[0] = {cov, *n, *n};
   call.nIn = 1;
   return runFrame(call, [&](int*, double*) {
@@ -77,13 +81,21 @@ extern "C" LUMBRA_API int ORXanalysisExanteModifiedVaR(int* nObs, int* nAssets,
   else if (returns == nullptr) failure = kArgBase + 4;
   else if (weights == nullptr) failure = kArgBase + 3;
   if (levelRefused(*level)) failure = kArgBase + 6;
-  FrameCall call = scalarFrame(failure, result, status);
+  FrameCall call = scalarFrame(failure, result, status, stats::kStatusUnusableVariance);
   const Size T = *nObs, N = *nAssets;
   call.workSize = (N * (T + 6 * N + 2)).value;
   call.in[0] = {returns, *nObs, *nAssets};
   call.in[1] = {cov, *nAssets, *nAssets};
   call.nIn = 2;
   return runFrame(call, [&](int*, double* work) {
+    // An infinite covariance makes the skewness 0 and the kurtosis -3 - b,
+    // a finite but meaningless expansion: non-finite data are refused.
+    const i64 nn = i64{*nAssets} * *nAssets;
+    if (!kernels::allFinite(*nAssets, weights) || !kernels::allFinite(nn, cov) ||
+        !kernels::allFinite(i64{*nObs} * *nAssets, returns)) {
+      *status = stats::kStatusUnusableVariance;
+      return;
+    }
     stats::analysisModifiedVaR(*nObs, *nAssets, weights, returns, cov, *level, work, *result,
                                *status);
   });
@@ -94,7 +106,8 @@ extern "C" LUMBRA_API int ORXanalysisExpostReturn(int* n, double* series, double
   int failure = 0;
   if (*n < 1) failure = kArgBase + 1;
   else if (series == nullptr) failure = kArgBase + 2;
-  return runFrame(scalarFrame(failure, result, status), [&](int*, double*) {
+  return runFrame(scalarFrame(failure, result, status, stats::kStatusUnusableReturn),
+                  [&](int*, double*) {
     *status = 0;
     kernels::vecMean(*n, series, *result);
   });
@@ -105,7 +118,8 @@ extern "C" LUMBRA_API int ORXanalysisExpostVolatility(int* n, double* series, do
   int failure = 0;
   if (*n < 2) failure = kArgBase + 1;
   else if (series == nullptr) failure = kArgBase + 2;
-  return runFrame(scalarFrame(failure, result, status), [&](int*, double*) {
+  return runFrame(scalarFrame(failure, result, status, stats::kStatusUnusableVariance),
+                  [&](int*, double*) {
     *result = 0.0;
     *status = 0;
     stats::analysisSeriesStdDev(*n, series, *result, *status);
@@ -122,8 +136,10 @@ extern "C" LUMBRA_API int ORXanalysisGaussianKernel(int* nObs, int* nPoints, dou
   if (*nPoints <= 0) {
     failure = kArgBase + 2;
   } else if (failure == 0) {
-    for (i64 i = 1; i < *nPoints; ++i)
-      if (points[i - 1] > points[i]) {
+    // Every point a number, none below its predecessor; negated
+    // comparisons, so that a NaN anywhere is refused.
+    for (i64 i = 0; i < *nPoints; ++i)
+      if (!(points[i] == points[i]) || (i > 0 && !(points[i - 1] <= points[i]))) {
         failure = kArgBase + 4;
         break;
       }
@@ -133,6 +149,7 @@ extern "C" LUMBRA_API int ORXanalysisGaussianKernel(int* nObs, int* nPoints, dou
   call.out = result;
   call.outCount = *nPoints;
   call.status = status;
+  call.notFinite = stats::kStatusUnusableVariance;
   return runFrame(call, [&](int*, double*) {
     stats::analysisGaussianKernel(*nObs, *nPoints, data, points, result, *status);
   });

@@ -1,9 +1,12 @@
 // Exports of the data-modelling family: return series, covariance,
 // correlation and matrix nearness.
+#include <cmath>
+
 #include "api/frame.h"
 #include "kernels/kernels.h"
 #include "lumbra.h"
 #include "nearness/nearness.h"
+#include "stats/analysis.h"
 #include "stats/covariance.h"
 #include "stats/returns.h"
 
@@ -11,8 +14,8 @@ namespace lumbra::api {
 namespace {
 
 // Tests of the two return exports: nObs, then prices, a bad nSeries
-// replacing either; the scan for a price <= 0 only when all passed so far;
-// a bad lag replacing everything.
+// replacing either; the scan for a price that is not positive and finite
+// only when all passed so far; a bad lag replacing everything.
 int returnsArgumentStatus(int nObs, int nSeries, const double* prices, int lag) {
   int failure = 0;
   if (nObs < 2) failure = kArgBase + 1;
@@ -20,8 +23,10 @@ int returnsArgumentStatus(int nObs, int nSeries, const double* prices, int lag) 
   if (nSeries < 1) failure = kArgBase + 2;
   if (failure == 0) {
     const i64 count = i64{nObs} * nSeries;
+    // A price must be a positive finite number; written so that a NaN
+    // fails as well.
     for (i64 k = 0; k < count; ++k)
-      if (0.0 >= prices[k]) {
+      if (!(prices[k] > 0.0 && prices[k] < HUGE_VAL)) {
         failure = kArgBase + 3;
         break;
       }
@@ -46,6 +51,7 @@ int returnsExport(ReturnsEngine engine, int* nObs, int* nSeries, double* prices,
   call.outMatrix = result;
   call.outRows = i64{*nObs} - *lag;
   call.outCols = *nSeries;
+  call.notFinite = stats::kStatusUnusableReturn;
   return runFrame(call, [&](int*, double*) { engine(*nObs, *nSeries, prices, *lag, result, *status); });
 }
 
@@ -64,6 +70,7 @@ FrameCall momentsFrame(int* nObs, int* nAssets, double* returns, double* result,
   call.outMatrix = result;
   call.outRows = *nAssets;
   call.outCols = *nAssets;
+  call.notFinite = stats::kStatusUnusableVariance;
   return call;
 }
 
@@ -84,8 +91,9 @@ int sdlsArgumentStatus(int n, const void* target, int nEq, const void* eqMatrice
   if (nIneq < 0) {
     failure = kArgBase + 6;
   } else if (failure == 0) {
+    // Negated, so that a NaN on either side is refused too.
     for (i64 i = 0; i < nIneq; ++i)
-      if (ineqLower[i] > ineqUpper[i]) {
+      if (!(ineqLower[i] <= ineqUpper[i])) {
         failure = kArgBase + 8;
         break;
       }

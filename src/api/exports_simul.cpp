@@ -34,6 +34,7 @@ extern "C" LUMBRA_API int ORXsimulGeometricBrownianX(int* n, int* horizon, int* 
   call.outMatrix = paths;
   call.outRows = *steps;
   call.outCols = *n;
+  call.notFinite = simul::kStatusNotFinite;
   return runFrame(call, [&](int* iwork, double* work) {
     simul::simulGeometricBrownian(*n, *horizon, *steps, start, drift, cov, iwork, work, paths,
                                   *status);

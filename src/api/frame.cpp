@@ -85,6 +85,12 @@ void convertLayout(double* a, i64 rows, i64 cols) {
   workRelease(tmp);
 }
 
+void refuseNonFiniteResult(const FrameCall& call) {
+  if (kernels::allFinite(call.outCount, call.out)) return;
+  clearDoubles(call.out, call.outCount);
+  if (*call.status >= 0) *call.status = call.notFinite;
+}
+
 int mapStatus(int status) {
   if (status < 0) return kReturnFailure;
   if (status > 0) return kReturnWarning;

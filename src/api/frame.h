@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "kernels/index.h"
+#include "kernels/kernels.h"
 
 namespace lumbra::api {
 
@@ -76,7 +77,17 @@ struct FrameCall {
   double* outMatrix = nullptr;  // engine output left column-major rows by cols
   i64 outRows = 0;
   i64 outCols = 0;
+  // Engine status that replaces a status >= 0 when the result holds a NaN or
+  // an infinity (an overflow the input tests could not foresee).  Every
+  // export whose engine computes a result sets it to its family's failure.
+  int notFinite = 0;
 };
+
+// The last guard of every call: a result holding a NaN or an infinity is
+// cleared, and unless the engine already failed its status becomes
+// call.notFinite, so that no call succeeds, warns or even fails with a
+// non-finite number in its outputs.
+void refuseNonFiniteResult(const FrameCall& call);
 
 // Clears the outputs and returns a failing argument test; otherwise obtains
 // the work arrays, converts, runs engine(iwork, work), converts back and
@@ -101,6 +112,7 @@ int runFrame(const FrameCall& call, Engine&& engine) {
     engine(iwork, work);
     for (int k = 0; k < call.nIn; ++k) convertLayout(call.in[k].a, call.in[k].cols, call.in[k].rows);
     if (call.outMatrix != nullptr) convertLayout(call.outMatrix, call.outCols, call.outRows);
+    refuseNonFiniteResult(call);
     result = mapStatus(*call.status);
   }
   workRelease(work);

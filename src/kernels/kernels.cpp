@@ -352,10 +352,31 @@ void packSymmetriseFromFull(const int& n, const double* A, double* P) {
 
 // ---- spectral -------------------------------------------------------------
 
+// Scans x(0:count-1) for a NaN or an infinity.
+bool allFinite(i64 count, const double* x) {
+  for (i64 k = 0; k < count; ++k)
+    if (!std::isfinite(x[k])) return false;
+  return true;
+}
+
+namespace {
+
+// True when the n by n matrix A may be handed to LAPACK; a size below 1 has
+// no elements to test.
+bool matrixFinite(const int& n, const double* A) {
+  return n < 1 || allFinite(i64{n} * n, A);
+}
+
+}  // namespace
+
 // w ascending eigenvalues and Z orthonormal eigenvectors of symmetric A (upper
 // triangle read), by DSYEVR on a copy in work(0:n*n-1).
 void matEigenSym(const int& n, const double* A, int* iwork, double* work, double* w,
                  double* Z, int& info) {
+  if (!matrixFinite(n, A)) {
+    info = kInfoNotFiniteEigen;
+    return;
+  }
   const i64 nn = i64{n} * n;
   matCopy(n, n, A, work);
   const double vl = 0.0, vu = 0.0, abstol = 0.0;
@@ -421,6 +442,10 @@ void matEigenClip(const int& n, const double* A, const double& floor, int* iwork
 // L := lower Cholesky factor of A by DPOTRF on tmp; L is written only when
 // DPOTRF succeeds.
 void matCholeskyLower(const int& n, const double* A, double* tmp, double* L, int& info) {
+  if (!matrixFinite(n, A)) {
+    info = kInfoNotFiniteCholesky;
+    return;
+  }
   matCopy(n, n, A, tmp);
   dpotrf_("L", &n, tmp, &n, &info, 1);
   if (info == 0) matLowerPart(n, tmp, L);
@@ -446,6 +471,10 @@ int selectNone(const double*, const double*) { return 0; }
 // DGEES on a copy.  Work: copy (n*n), DGEES work (5n), wi (n).
 void matSchurEigen(const int& n, const double* A, int* iwork, double* work, double* wr,
                    double* vs, int& info) {
+  if (!matrixFinite(n, A)) {
+    info = kInfoNotFiniteEigen;
+    return;
+  }
   const i64 nn = i64{n} * n;
   matCopy(n, n, A, work);
   const int lwork = 5 * n;
@@ -461,6 +490,10 @@ void matSchurEigen(const int& n, const double* A, int* iwork, double* work, doub
 // Work: copy (n*n), DGEES work (5n), wi (n).
 void matSchurRealParts(const int& n, const double* A, int* iwork, double* work, double* wr,
                        int& info) {
+  if (!matrixFinite(n, A)) {
+    info = kInfoNotFiniteEigen;
+    return;
+  }
   const i64 nn = i64{n} * n;
   matCopy(n, n, A, work);
   const int lwork = 5 * n;
@@ -472,7 +505,8 @@ void matSchurRealParts(const int& n, const double* A, int* iwork, double* work, 
 }
 
 // flag := 1 when the smallest real part of an eigenvalue of A is below the
-// threshold; a failing DGEES leaves its INFO in flag.
+// threshold; a failing DGEES leaves its INFO in flag, and a matrix holding a
+// NaN or an infinity leaves kInfoNotFiniteEigen there (its wr stays NaN).
 // Work: Schur scratch (n*n + 6n), wr (n), then n*n doubles not needed by
 // this path (room for Schur vectors).
 void matPositiveDefiniteCheck(const int& n, const double* A, int* iwork, double* work,

@@ -14,6 +14,17 @@ namespace lumbra::kernels {
 inline constexpr double kEigenFloor = 1.0000000031710769e-30;
 // Threshold of the positive-definiteness test: single-precision 1e-12.
 inline constexpr double kDefiniteThreshold = 9.999999960041972e-13;
+// INFO of a spectral kernel whose matrix holds a NaN or an infinity.  Such a
+// matrix never reaches LAPACK (reference DSYEVR can loop for ever on a NaN):
+// the kernel reports it as LAPACK reports an illegal argument, minus the
+// position of the matrix in the LAPACK call, so every caller treats it as a
+// hard failure.  The matrix is the fifth argument of DSYEVR and DGEES and
+// the third of DPOTRF.
+inline constexpr int kInfoNotFiniteEigen = -5;
+inline constexpr int kInfoNotFiniteCholesky = -3;
+
+// True when the count numbers x(0:count-1) are all finite (true for none).
+bool allFinite(i64 count, const double* x);
 
 // ---- vectors --------------------------------------------------------------
 void vecCopy(const int& n, const double* x, double* y);
@@ -68,6 +79,10 @@ void packFrobenius(const int& n, const double* P, double& r);
 void packSymmetriseFromFull(const int& n, const double* A, double* P);
 
 // ---- spectral -------------------------------------------------------------
+// Every spectral kernel first tests its n by n input for NaN and infinities
+// and, when one is there, returns kInfoNotFiniteEigen (eigen-solver, Schur
+// form) or kInfoNotFiniteCholesky (Cholesky factor) without calling LAPACK
+// and without writing its outputs.
 // Work: 12n integers, n*n + 26n doubles.
 void matEigenSym(const int& n, const double* A, int* iwork, double* work, double* w,
                  double* Z, int& info);

@@ -62,6 +62,16 @@ void simulGeometricBrownian(const int& n, const int& horizon, const int& steps,
   double* cholWork = L + nn;
   double* scratch = cholWork + 4 * nn + i64{27} * n;
 
+  // A negative time span has no square root, and a NaN or an infinity in
+  // the start or the drift would run through every price of the path.
+  if (horizon < 0) {
+    status = kStatusBadTime;
+    return;
+  }
+  if (!allFinite(n, start) || !allFinite(n, drift)) {
+    status = kStatusNotFinite;
+    return;
+  }
   const double dt = static_cast<double>(horizon) / static_cast<double>(steps);
   const double rootdt = std::sqrt(dt);
   status = 0;

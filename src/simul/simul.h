@@ -4,8 +4,17 @@
 
 namespace lumbra::simul {
 
+// Statuses of the simulation besides the spectral kernels' INFO (which is
+// kInfoNotFiniteEigen or kInfoNotFiniteCholesky for a covariance holding a
+// NaN or an infinity): a negative horizon or no time point, and a start
+// price, a drift or a simulated price that is not a finite number.
+inline constexpr int kStatusBadTime = -2;
+inline constexpr int kStatusNotFinite = -104;
+
 // paths (column-major steps by n) of a geometric Brownian motion with time
-// step horizon / steps.  Work: 12n integers, n (5n + 31) doubles.
+// step horizon / steps.  A negative horizon (kStatusBadTime) or a start or
+// drift that is not finite (kStatusNotFinite) ends the call before anything
+// is written.  Work: 12n integers, n (5n + 31) doubles.
 void simulGeometricBrownian(const int& n, const int& horizon, const int& steps,
                             const double* start, const double* drift, const double* Sigma,
                             int* iwork, double* work, double* paths, int& status);

@@ -8,6 +8,11 @@ namespace lumbra::stats {
 inline constexpr int kStatusBadSize = -2;
 inline constexpr int kStatusBadLevel = -102;
 inline constexpr int kStatusZeroVariance = -104;
+// The calls' statuses for data or results that are not finite numbers:
+// -103 where the result is a return (as for a price below the return
+// series' floor), -104 where it rests on a variance.
+inline constexpr int kStatusUnusableReturn = -103;
+inline constexpr int kStatusUnusableVariance = kStatusZeroVariance;
 inline constexpr int kStatusBadIndex = -1000;
 
 // Confidence levels the value-at-risk engines accept: the single-precision

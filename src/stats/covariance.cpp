@@ -5,6 +5,7 @@
 
 #include "kernels/index.h"
 #include "kernels/kernels.h"
+#include "stats/analysis.h"
 
 namespace lumbra::stats {
 
@@ -68,6 +69,13 @@ void modelingCorrSample(const int& T, const int& n, const double* X, double* wor
   matColMeans(T, n, X, means);
   modelingCovCentered(T, n, X, means, C, Cov, status);
   if (status < 0) return;
+  // A NaN or an infinity in the data, or a covariance that overflowed,
+  // would leave s = 0 or an infinite s and so a finite but meaningless 0.0
+  // correlation: refused here, Corr left as it was.
+  if (!allFinite(nn, Cov)) {
+    status = kStatusUnusableVariance;
+    return;
+  }
   for (i64 k = 0; k < n; ++k) {
     const double v = Cov[at(k, k, n)];
     s[k] = v > kCorrelationFloor ? std::sqrt(v) : 0.0;

@@ -21,7 +21,8 @@ void modelingCovCentered(const int& T, const int& n, const double* X, const doub
                          double* C, double* Cov, int& status);
 void modelingCovFromCentered(const int& T, const int& n, const double* C, double* Cov,
                              int& status);
-// Work: means (n), C (T*n), Cov (n*n), s (n).
+// Work: means (n), C (T*n), Cov (n*n), s (n).  A covariance holding a NaN
+// or an infinity ends with kStatusUnusableVariance (-104), Corr unwritten.
 void modelingCorrSample(const int& T, const int& n, const double* X, double* work,
                         double* Corr, int& status);
 

@@ -105,16 +105,21 @@ TEST(AllocatorArguments, BoundScanReportsTheLowerBound) {
   EXPECT_EQ(303, c.mv());
 }
 
-TEST(AllocatorArguments, EqualAndNaNBoundsPassTheScan) {
+TEST(AllocatorArguments, EqualBoundsPassTheScanNaNBoundsFailIt) {
   // Past the tests the frame runs the engine; whatever it says, it is not an
   // argument status.
   AllocCase c;
   c.lower = {0.5, 0.5};
   c.upper = {0.5, 0.5};
   EXPECT_LT(c.mv(), 300);
+  // A NaN on either side fails the scan, which reports the lower bound.
   AllocCase d;
-  d.lower = {kNaN, 0.0};
-  EXPECT_LT(d.mv(), 300);
+  d.lower = {0.0, kNaN};
+  EXPECT_EQ(308, d.mv());
+  d.lower = {0.0, 0.0};
+  d.upper = {kNaN, 1.0};
+  EXPECT_EQ(310, d.it());
+  EXPECT_TRUE(d.cleared());
   AllocCase e;  // no constraints at all: the counts may be zero, the pointers not
   e.nEq = 0;
   EXPECT_LT(e.mv(), 300);

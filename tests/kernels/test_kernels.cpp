@@ -242,3 +242,60 @@ TEST(SpectralKernels, SchurRealPartsWithoutVectorsAreTheSame) {
     }
   }
 }
+
+TEST(SpectralKernels, NonFiniteMatricesNeverReachLapack) {
+  // Reference DSYEVR loops for ever on a NaN (n >= 3); no spectral kernel
+  // may hand such a matrix on.  Each reports the position of the matrix in
+  // its LAPACK call, negated, and writes none of its outputs.  A NaN, an
+  // infinity of either sign, on and off the diagonal.
+  const int n = 3;
+  const double bad[] = {std::numeric_limits<double>::quiet_NaN(),
+                        std::numeric_limits<double>::infinity(),
+                        -std::numeric_limits<double>::infinity()};
+  for (double v : bad)
+    for (int pos : {0, 1, 8}) {
+      std::vector<double> A = {0.04, 0.01, 0.01, 0.01, 0.09, 0.0, 0.01, 0.0, 0.04};
+      A[pos] = v;
+      std::vector<double> P(6);
+      packFromFull(n, A.data(), P.data());
+      std::vector<int> iwork(12 * n);
+      std::vector<double> work(4 * n * n + 27 * n, kSentinel);
+      std::vector<double> w(n, kSentinel), Z(9, kSentinel), out(9, kSentinel);
+      int info = 0;
+      matEigenSym(n, A.data(), iwork.data(), work.data(), w.data(), Z.data(), info);
+      EXPECT_EQ(kInfoNotFiniteEigen, info) << v << " at " << pos;
+      for (double x : w) EXPECT_BITEQ(kSentinel, x);
+      for (double x : Z) EXPECT_BITEQ(kSentinel, x);
+      if (pos != 1) {  // the packed form holds the upper triangle only
+        info = 0;
+        packEigenClip(n, P.data(), iwork.data(), work.data(), out.data(), info);
+        EXPECT_EQ(kInfoNotFiniteEigen, info);
+      }
+      info = 0;
+      matEigenClip(n, A.data(), kEigenFloor, iwork.data(), work.data(), out.data(), info);
+      EXPECT_EQ(kInfoNotFiniteEigen, info);
+      info = 0;
+      matClippedCholesky(n, A.data(), iwork.data(), work.data(), out.data(), info);
+      EXPECT_EQ(kInfoNotFiniteEigen, info);
+      info = 0;
+      matCholeskyLower(n, A.data(), work.data(), out.data(), info);
+      EXPECT_EQ(kInfoNotFiniteCholesky, info);
+      for (double x : out) EXPECT_BITEQ(kSentinel, x);
+      info = 0;
+      matSchurEigen(n, A.data(), iwork.data(), work.data(), w.data(), Z.data(), info);
+      EXPECT_EQ(kInfoNotFiniteEigen, info);
+      info = 0;
+      matSchurRealParts(n, A.data(), iwork.data(), work.data(), w.data(), info);
+      EXPECT_EQ(kInfoNotFiniteEigen, info);
+      // The definiteness test fails such a matrix: +inf on the diagonal
+      // has no real eigenvalue to compare, and must not pass.
+      int flag = 0;
+      matPositiveDefiniteCheck(n, A.data(), iwork.data(), work.data(), flag);
+      EXPECT_NE(0, flag) << v << " at " << pos;
+    }
+  std::vector<double> finite = {1.0, -2.5, 1e300};
+  EXPECT_TRUE(allFinite(3, finite.data()));
+  EXPECT_TRUE(allFinite(0, nullptr));
+  finite[2] = std::numeric_limits<double>::infinity();
+  EXPECT_FALSE(allFinite(3, finite.data()));
+}

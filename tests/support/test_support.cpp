@@ -1,6 +1,8 @@
 #include "test_support.h"
 
 #include <cstdlib>
+#include <cstring>
+#include <limits>
 #include <fstream>
 #include <string>
 
@@ -10,11 +12,25 @@ namespace lumbra::testing {
 namespace {
 int remaining = 0;
 int asked = 0;
+
+// Fills the memory handed out with quiet NaNs (and the bytes of a partial
+// last double with ones), so that reading work memory before writing it
+// turns into a NaN somewhere in the result.
+void fillWithNaN(void* p, std::size_t bytes) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  unsigned char* bytesOut = static_cast<unsigned char*>(p);
+  std::size_t k = 0;
+  for (; k + sizeof nan <= bytes; k += sizeof nan) std::memcpy(bytesOut + k, &nan, sizeof nan);
+  std::memset(bytesOut + k, 0xff, bytes - k);
+}
+
 void* failingAllocate(std::size_t bytes) {
   ++asked;
   if (remaining <= 0) return nullptr;
   --remaining;
-  return std::malloc(bytes);
+  void* p = std::malloc(bytes);
+  if (p != nullptr) fillWithNaN(p, bytes);
+  return p;
 }
 }  // namespace
 

@@ -35,7 +35,9 @@ bool referenceBlas();
 
 // While one of these lives, the library's allocations succeed for the first
 // `successes` requests and fail from then on (the conversion temporaries
-// included).  Not reentrant: use from one test thread.
+// included).  The memory it hands out is filled with NaN, so that a path
+// reading work memory before writing it shows.  Not reentrant: use from
+// one test thread.
 struct FailingAllocator {
   explicit FailingAllocator(int successes);
   ~FailingAllocator();
