@@ -18,13 +18,6 @@ constexpr double kUnit = 1.0;
 constexpr double kMinusUnit = -1.0;
 constexpr double kZero = 0.0;
 
-// r := x' y over n unit-stride entries; 0 for n < 1.
-double dot(i64 n, const double* x, const double* y) {
-  if (n < 1) return 0.0;
-  const int len = static_cast<int>(n);
-  return ddot_(&len, x, &kOne, y, &kOne);
-}
-
 // The fixed data of one search, shared by its steps.
 struct Problem {
   const double* C;  // all rows, equalities first
@@ -137,13 +130,13 @@ bool solveEqualities(const Problem& p, const double* Q, int ldq, const double* R
   if (kcur >= 1) {
     for (i64 j = 0; j < kcur; ++j) {
       const i64 c = list[j] - 1;
-      v[j] = zero ? p.b[c] : p.b[c] - dot(p.n, p.C + at(0, c, p.ldc), x);
+      v[j] = zero ? p.b[c] : p.b[c] - qpDot(p.n, p.C + at(0, c, p.ldc), x);
     }
     solveOnRange(p, Q, ldq, R, ldr, kcur, v, x, !zero);
   }
   for (i64 j = kcur; j < p.me; ++j) {
     const i64 c = list[j] - 1;
-    const double r = kcur == 0 ? p.b[c] : p.b[c] - dot(p.n, p.C + at(0, c, p.ldc), x);
+    const double r = kcur == 0 ? p.b[c] : p.b[c] - qpDot(p.n, p.C + at(0, c, p.ldc), x);
     if (std::fabs(r) > kPrecision075) return false;
   }
   return true;
@@ -193,7 +186,7 @@ void buildStartVertex(const Problem& p, double* Q, int ldq, double* R, int ldr, 
   for (i64 j = 0; j < p.mi && kact < p.n; ++j) {
     if (IRE[p.n + j] != 0) continue;
     const double* a = p.C + at(0, p.me + j, p.ldc);
-    if (p.b[p.me + j] - dot(p.n, a, x) <= kPrecision075)
+    if (p.b[p.me + j] - qpDot(p.n, a, x) <= kPrecision075)
       enter(p, Q, ldq, R, ldr, scratch, list, IRE, kact, p.n + j + 1, 1, channel);
   }
   for (i64 i = 0; i < p.n && kact < p.n; ++i) {
@@ -257,7 +250,7 @@ int descentDirection(const Problem& p, double* Q, int ldq, double* R, int ldr, i
   st.dropped = 0;
   if (nrm >= kPrecision075) {
     qpColumnCombination(Q + at(0, kact, ldq), ldq, n, nz, y, d);  // d = Z y
-    st.s = -dot(n, w, d);
+    st.s = -qpDot(n, w, d);
     return 0;
   }
   // Multipliers of the working set: R u = Q(:,0:kact-1)' w.
@@ -276,7 +269,7 @@ int descentDirection(const Problem& p, double* Q, int ldq, double* R, int ldr, i
   st.dropPlace = place;
   st.dropped = 0;
   const double* q = Q + at(0, kact - 1, ldq);
-  double s0 = dot(n, q, w);
+  double s0 = qpDot(n, q, w);
   if (s0 < 0.0) {
     for (i64 i = 0; i < n; ++i) d[i] = -q[i];
   } else {
@@ -303,7 +296,7 @@ int degenerateHit(const Problem& p, const double* x, const double* w, double* pr
       return static_cast<int>(-(i + 1));
   }
   for (i64 j = 0; j < p.mi; ++j)
-    if (IRE[n + j] != 1) prod[j] = dot(n, p.C + at(0, p.me + j, p.ldc), d);
+    if (IRE[n + j] != 1) prod[j] = qpDot(n, p.C + at(0, p.me + j, p.ldc), d);
   for (i64 j = 0; j < p.mi; ++j)
     if (IRE[n + j] == 0 && res[j] >= -t && prod[j] > t) return static_cast<int>(n + j + 1);
   return 0;
@@ -480,7 +473,7 @@ void qpInfeasibility(const double* C, const int& ldc, const double* CI, const do
   for (i64 j = 0; j < mi; ++j) {
     if (IRE[n + j] == 1) continue;
     const double* a = C + at(0, j, ldc);
-    const double r = dot(n, a, x) - b[j];
+    const double r = qpDot(n, a, x) - b[j];
     if (full) {
       w[3 * i64{n} + j] = r;
     } else {

@@ -20,13 +20,6 @@ constexpr int kOne = 1;
 constexpr int kDefaultIterationFactor = 14;  // limit 14 (n + me + mi) when none is given
 constexpr int kFeasibleStartMode = 11;       // OPTR01: build the start vertex
 
-// r := x' y over n unit-stride entries; 0 for n < 1.
-double dot(i64 n, const double* x, const double* y) {
-  if (n < 1) return 0.0;
-  const int len = static_cast<int>(n);
-  return ddot_(&len, x, &kOne, y, &kOne);
-}
-
 // The data and the scalars of the loop, shared by its steps.
 struct Loop {
   // data
@@ -240,7 +233,7 @@ int screenDegenerate(Loop& L, double* p) {
   for (i64 j = 0; j < L.mi; ++j) {
     if (L.IRE[n + j] == 1) continue;
     const double* a = L.C + at(0, L.me + j, L.ldc);
-    L.prod[j] = dot(n, a, p);
+    L.prod[j] = qpDot(n, a, p);
     if (L.res[j] >= -t1 && L.prod[j] > t1) {
       dgemv_(&trans, &L.n, &L.nz, &one, Z(L), &L.ldq, a, &kOne, &zero, proj, &kOne, 1);
       if (dnrm2_(&L.nz, proj, &kOne) >= kPrecision09) return static_cast<int>(n + j + 1);
