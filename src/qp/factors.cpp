@@ -244,157 +244,131 @@ void updateLaterDiagonals(double* T, i64 ldt, i64 rows, i64 from, i64 L) {
     T[at(c, c, ldt)] -= qpBlasDot(rows, &T[at(0, c, ldt)], 1, &T[at(0, c, ldt)], 1);
 }
 
-}  // namespace
+// Column of Z for position j of the block: reduced index ipvt(j) stands
+// for column m - ipvt(j) (0-based) of the m columns handed in.
+const double* zColumn(const double* Z, i64 ldz, i64 m, const int* ipvt, i64 j) {
+  return &Z[at(0, m - ipvt[j], ldz)];
+}
 
-// Cholesky-type factor with diagonal pivoting of the reduced Hessian of the
-// m columns of Z (columns L..m-1 already reduced by kf finished rows),
-// reporting definite (0), a singular tail (count), a negative pivot or an
-// indefinite pair (negative), or a refusal (n) when flag is 0.
-void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
-            const int& ldz, double* w, int* ipvt, const int& n, const int& m, int& kf,
-            const int& flag, const int& channel) {
-  (void)channel;
-  if (!(ldh >= n && m <= ldt && ldz >= n && m - kf >= 1 && kf >= 0)) qpArgumentTrap("ANFM03");
-  const i64 K = kf;
-  const i64 L = m - K;
+// Diagonals of the L columns still to do: z_c' H z_c less the squares of
+// the K finished entries above them, stored at their diagonal places, and
+// gamma = max(1, |diagonal|), the scale of the tolerances.  Returns false,
+// a refusal, when flag is 0 and a diagonal is clearly negative (below
+// -10P): that caller wants no account of indefiniteness.
+bool formDiagonals(const double* H, i64 ldh, double* T, i64 ldt, const double* Z, i64 ldz,
+                   double* w, const int* ipvt, i64 n, i64 m, i64 K, i64 L, int flag,
+                   double& gamma) {
   const double tenP = 10.0 * kPrecision;
-  // Z column (0-based) for position j of this block
-  auto zcol = [&](i64 j) -> const double* { return &Z[at(0, m - ipvt[j], ldz)]; };
-
-  int sw = 0;
-  if (K == 0) {
-    for (i64 i = 0; i < L; ++i) ipvt[i] = static_cast<int>(i + 1);
-  } else {
-    sw = 1;
-  }
-  double gamma = 1.0;
+  gamma = 1.0;
   for (i64 j = 0; j < L; ++j) {
-    double diag = selfCurvature(H, ldh, n, zcol(j), w);  // z_c' H z_c
+    double diag = selfCurvature(H, ldh, n, zColumn(Z, ldz, m, ipvt, j), w);  // z_c' H z_c
     diag -= qpBlasDot(K, &T[at(0, j, ldt)], 1, &T[at(0, j, ldt)], 1);
-    if (flag == 0 && diag < -tenP) {
-      kf = n;
-      return;
-    }
+    if (flag == 0 && diag < -tenP) return false;
     diagOf(T, ldt, K, j) = diag;
     gamma = std::max(gamma, std::fabs(diag));
   }
-  if (L == 1) {
-    const double e = diagOf(T, ldt, K, 0);
-    if (e > tenP) {
-      diagOf(T, ldt, K, 0) = std::sqrt(e);
-      kf = 0;
-    } else if (e < -tenP) {
-      kf = -1;
-    } else {
-      kf = 1;
-    }
-    return;
-  }
+  return true;
+}
 
-  const double eps = kPrecision * gamma;
-  double tol = static_cast<double>(K) * eps;
-  const double bound = std::max(10.0 * static_cast<double>(L) * eps, 1.2 * std::sqrt(gamma));
-  double mx = 0.0;
-  i64 r = 0;  // 0-based column in the loop, rr = K + r its diagonal row
-  double d = 0.0;
-  int g = 0;
-  bool tail = false;
-  for (r = 0; r < L - 1; ++r) {
-    tol += eps;
-    const i64 rr = K + r;
-    d = pivotCandidate(T, ldt, K, r, sw);
-    // growth: a row of large coupling terms means a tiny pivot went before
-    if (mx > bound) {
-      if (sw == 0) updateLaterDiagonals(T, ldt, rr, r + 1, L);
-      g = 1;
-      tail = true;
-      break;
-    }
-    if (!(d > tol && sw == 0)) {
-      if (sw == 0) {
-        updateLaterDiagonals(T, ldt, rr, r + 1, L);
-        sw = 1;
-      }
-      double best = d;
-      i64 p = r;
-      for (i64 c = r + 1; c < L; ++c)
-        if (diagOf(T, ldt, K, c) > best) {
-          best = diagOf(T, ldt, K, c);
-          p = c;
-        }
-      if (!(best > tol)) {
-        g = 0;
-        tail = true;
-        break;
-      }
-      if (p != r) {
-        swapColumns(T, ldt, rr, r, p);
-        std::swap(ipvt[r], ipvt[p]);
-        diagOf(T, ldt, K, p) = d;
-        d = best;
-      }
-    }
-    // accept pivot d: row rr of T
-    const double s = std::sqrt(d);
-    T[at(rr, r, ldt)] = s;
-    symLowerMulVec(H, ldh, n, zcol(r), w);
-    mx = 0.0;
-    for (i64 c = r + 1; c < L; ++c) {
-      const double t =
-          (qpBlasDot(n, zcol(c), 1, w, 1) - qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, r, ldt)], 1)) / s;
-      T[at(rr, c, ldt)] = t;
-      if (sw == 1) diagOf(T, ldt, K, c) -= t * t;
-      mx = std::max(mx, std::fabs(t));
-    }
+// A single column decides by its diagonal e alone, against 10P: sqrt(e)
+// stored and status 0, a negative pivot (-1), or no curvature (1).
+int singleColumnStatus(double* T, i64 ldt, i64 K) {
+  const double tenP = 10.0 * kPrecision;
+  const double e = diagOf(T, ldt, K, 0);
+  if (e > tenP) {
+    diagOf(T, ldt, K, 0) = std::sqrt(e);
+    return 0;
   }
+  return e < -tenP ? -1 : 1;
+}
 
-  if (!tail) {
-    // last column
-    tol += eps;
-    r = L - 1;
-    d = pivotCandidate(T, ldt, K, r, sw);
-    if (d > tol) {
-      diagOf(T, ldt, K, r) = std::sqrt(d);
-      kf = 0;
-    } else if (d < -tol) {
-      kf = static_cast<int>(-L);
-    } else {
-      kf = 1;
-    }
-    return;
-  }
-
-  // Indefinite or singular tail from column r with diagonal d.
+// Diagonal pivoting at column r.  The first time, every later diagonal is
+// brought up to date (sw := 1), since from now on the largest is chosen.
+// The largest diagonal, the first of equals, from a start at d, becomes the
+// pivot d: its column and ipvt entry exchange places with r's, and r's
+// diagonal goes to its place.  Returns false when even the largest is not
+// above tol: what is left is a singular or indefinite tail.
+bool pivotOnLargestDiagonal(double* T, i64 ldt, int* ipvt, i64 K, i64 r, i64 L, double tol,
+                            int& sw, double& d) {
   const i64 rr = K + r;
-  double dmin = d;
-  i64 q = r;
-  for (i64 c = r + 1; c < L; ++c)
-    if (diagOf(T, ldt, K, c) < dmin) {
-      dmin = diagOf(T, ldt, K, c);
-      q = c;
-    }
-  if (dmin < -tol) {
-    if (flag == 0) {
-      kf = n;
-      return;
-    }
-    swapColumns(T, ldt, rr, r, q);
-    std::swap(ipvt[r], ipvt[q]);
-    diagOf(T, ldt, K, q) = d;
-    diagOf(T, ldt, K, r) = dmin;
-    kf = static_cast<int>(-(r + 1)) - (g == 1 ? 10 * ldz : 0);
-    return;
+  if (sw == 0) {
+    updateLaterDiagonals(T, ldt, rr, r + 1, L);
+    sw = 1;
   }
-  // No negative diagonal: look for curvature hidden in the couplings of the
-  // tail, z_c' H z_c' less the finished rows.
+  double best = d;
+  i64 p = r;
+  for (i64 c = r + 1; c < L; ++c)
+    if (diagOf(T, ldt, K, c) > best) {
+      best = diagOf(T, ldt, K, c);
+      p = c;
+    }
+  if (!(best > tol)) return false;
+  if (p != r) {
+    swapColumns(T, ldt, rr, r, p);
+    std::swap(ipvt[r], ipvt[p]);
+    diagOf(T, ldt, K, p) = d;
+    d = best;
+  }
+  return true;
+}
+
+// Accepts pivot d of column r: row rr = K + r of T, with s = sqrt(d) on the
+// diagonal and T(rr,c) = (z_c' H z_r - T(0:rr-1,c)' T(0:rr-1,r)) / s for
+// the later columns, u = H z_r formed once in w.  Once pivoting has begun
+// (sw = 1) each later diagonal loses T(rr,c)^2 at once.  Returns the
+// largest |T(rr,c)|, the growth that the next column tests.
+double eliminateRow(const double* H, i64 ldh, double* T, i64 ldt, const double* Z, i64 ldz,
+                    const int* ipvt, double* w, i64 n, i64 m, i64 K, i64 r, i64 L, int sw,
+                    double d) {
+  const i64 rr = K + r;
+  const double s = std::sqrt(d);
+  T[at(rr, r, ldt)] = s;
+  symLowerMulVec(H, ldh, n, zColumn(Z, ldz, m, ipvt, r), w);
+  double mx = 0.0;
+  for (i64 c = r + 1; c < L; ++c) {
+    const double t = (qpBlasDot(n, zColumn(Z, ldz, m, ipvt, c), 1, w, 1) -
+                      qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, r, ldt)], 1)) /
+                     s;
+    T[at(rr, c, ldt)] = t;
+    if (sw == 1) diagOf(T, ldt, K, c) -= t * t;
+    mx = std::max(mx, std::fabs(t));
+  }
+  return mx;
+}
+
+// The last column, once all before it are pivots: its diagonal against
+// tol gives sqrt stored and status 0, a negative pivot (-L), or a one
+// column singular tail (1).
+int lastColumnStatus(double* T, i64 ldt, i64 K, i64 L, int sw, double tol) {
+  const i64 r = L - 1;
+  const double d = pivotCandidate(T, ldt, K, r, sw);
+  if (d > tol) {
+    diagOf(T, ldt, K, r) = std::sqrt(d);
+    return 0;
+  }
+  if (d < -tol) return static_cast<int>(-L);
+  return 1;
+}
+
+// A tail whose diagonals are all above -tol may still hide curvature in
+// its couplings z_c' H z_c' less the finished rows, which are formed row
+// after row (rows K+r.. of T) until the largest |coupling| so far, from a
+// start at dmin, exceeds tol.  Such a pair is indefinite: its two columns
+// are brought to positions r and r+1, the coupling goes next to the
+// diagonal, and the status is -(r+1) - L (a refusal, n, when flag is 0).
+// Without one the L - r tail columns have no curvature: status L - r.
+int hiddenCouplingStatus(const double* H, i64 ldh, double* T, i64 ldt, const double* Z,
+                         i64 ldz, int* ipvt, double* w, i64 n, i64 m, i64 K, i64 r, i64 L,
+                         double dmin, i64 q, double tol, int flag) {
+  const i64 rr = K + r;
   double big = dmin;
   i64 bigCol = q;
   double bigVal = dmin;
   for (i64 rp = r; rp < L - 1; ++rp) {
-    symLowerMulVec(H, ldh, n, zcol(rp), w);
+    symLowerMulVec(H, ldh, n, zColumn(Z, ldz, m, ipvt, rp), w);
     for (i64 c = rp + 1; c < L; ++c) {
-      const double t =
-          qpBlasDot(n, zcol(c), 1, w, 1) - qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, rp, ldt)], 1);
+      const double t = qpBlasDot(n, zColumn(Z, ldz, m, ipvt, c), 1, w, 1) -
+                       qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, rp, ldt)], 1);
       T[at(K + rp, c, ldt)] = t;
       if (std::fabs(t) > big) {
         big = std::fabs(t);
@@ -403,10 +377,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
       }
     }
     if (big > tol) {
-      if (flag == 0) {
-        kf = n;
-        return;
-      }
+      if (flag == 0) return static_cast<int>(n);
       if (rp != r) {
         swapColumns(T, ldt, rr, r, rp);
         std::swap(ipvt[r], ipvt[rp]);
@@ -416,11 +387,103 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
         std::swap(ipvt[r + 1], ipvt[bigCol]);
       }
       T[at(rr, r + 1, ldt)] = bigVal;
-      kf = static_cast<int>(-(r + 1) - L);
-      return;
+      return static_cast<int>(-(r + 1) - L);
     }
   }
-  kf = static_cast<int>(L - r);
+  return static_cast<int>(L - r);
+}
+
+// The tail from column r (diagonal d) where plain pivoting stopped, after
+// a growth stop (g = 1) or for want of a pivot above tol.  The smallest
+// diagonal, the first of equals, below -tol is a negative pivot: it moves
+// to position r and the status is -(r+1), with the marker -10 ldz added
+// after a growth stop so that the next update knows the factor is
+// unreliable (a refusal, n, when flag is 0).  Otherwise the couplings
+// decide.
+int tailStatus(const double* H, i64 ldh, double* T, i64 ldt, const double* Z, i64 ldz,
+               int* ipvt, double* w, i64 n, i64 m, i64 K, i64 r, i64 L, double d, int g,
+               double tol, int flag) {
+  const i64 rr = K + r;
+  double dmin = d;
+  i64 q = r;
+  for (i64 c = r + 1; c < L; ++c)
+    if (diagOf(T, ldt, K, c) < dmin) {
+      dmin = diagOf(T, ldt, K, c);
+      q = c;
+    }
+  if (!(dmin < -tol))
+    return hiddenCouplingStatus(H, ldh, T, ldt, Z, ldz, ipvt, w, n, m, K, r, L, dmin, q, tol,
+                                flag);
+  if (flag == 0) return static_cast<int>(n);
+  swapColumns(T, ldt, rr, r, q);
+  std::swap(ipvt[r], ipvt[q]);
+  diagOf(T, ldt, K, q) = d;
+  diagOf(T, ldt, K, r) = dmin;
+  return static_cast<int>(-(r + 1)) - (g == 1 ? 10 * static_cast<int>(ldz) : 0);
+}
+
+}  // namespace
+
+// Cholesky-type factor with diagonal pivoting of the reduced Hessian of the
+// m columns of Z (columns L..m-1 already reduced by kf finished rows),
+// reporting definite (0), a singular tail (count), a negative pivot or an
+// indefinite pair (negative), or a refusal (n) when flag is 0.
+//
+// Stages: the diagonals of the columns to do; a single column decided
+// alone; then column after column, without pivoting while the diagonals
+// stay above the growing tolerance, with the largest diagonal as pivot
+// from the first one that does not; the last column; or, where pivoting
+// stops, the tail's account of negative or hidden curvature.  A row of
+// large couplings (above max(10 L eps, 1.2 sqrt(gamma))) means that a tiny
+// pivot went before, and stops the factorisation too.
+void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
+            const int& ldz, double* w, int* ipvt, const int& n, const int& m, int& kf,
+            const int& flag, const int& channel) {
+  (void)channel;
+  if (!(ldh >= n && m <= ldt && ldz >= n && m - kf >= 1 && kf >= 0)) qpArgumentTrap("ANFM03");
+  const i64 K = kf;
+  const i64 L = m - K;
+
+  // sw = 0: columns not yet swept, their diagonals updated only when used.
+  int sw = 0;
+  if (K == 0) {
+    for (i64 i = 0; i < L; ++i) ipvt[i] = static_cast<int>(i + 1);
+  } else {
+    sw = 1;
+  }
+  double gamma = 1.0;
+  if (!formDiagonals(H, ldh, T, ldt, Z, ldz, w, ipvt, n, m, K, L, flag, gamma)) {
+    kf = n;
+    return;
+  }
+  if (L == 1) {
+    kf = singleColumnStatus(T, ldt, K);
+    return;
+  }
+
+  // Plain and pivoted elimination; tol grows by eps at each column.
+  const double eps = kPrecision * gamma;
+  double tol = static_cast<double>(K) * eps;
+  const double bound = std::max(10.0 * static_cast<double>(L) * eps, 1.2 * std::sqrt(gamma));
+  double mx = 0.0;  // largest coupling of the last finished row
+  for (i64 r = 0; r < L - 1; ++r) {
+    tol += eps;
+    const i64 rr = K + r;
+    double d = pivotCandidate(T, ldt, K, r, sw);
+    if (mx > bound) {
+      // growth: the later diagonals are brought up to date for the tail
+      if (sw == 0) updateLaterDiagonals(T, ldt, rr, r + 1, L);
+      kf = tailStatus(H, ldh, T, ldt, Z, ldz, ipvt, w, n, m, K, r, L, d, 1, tol, flag);
+      return;
+    }
+    if (!(d > tol && sw == 0) && !pivotOnLargestDiagonal(T, ldt, ipvt, K, r, L, tol, sw, d)) {
+      kf = tailStatus(H, ldh, T, ldt, Z, ldz, ipvt, w, n, m, K, r, L, d, 0, tol, flag);
+      return;
+    }
+    mx = eliminateRow(H, ldh, T, ldt, Z, ldz, ipvt, w, n, m, K, r, L, sw, d);
+  }
+  tol += eps;
+  kf = lastColumnStatus(T, ldt, K, L, sw, tol);
 }
 
 // Rebuilds T for the m columns of Z left after ANFM04: the column stage
