@@ -486,24 +486,20 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
   kf = lastColumnStatus(T, ldt, K, L, sw, tol);
 }
 
-// Rebuilds T for the m columns of Z left after ANFM04: the column stage
-// applies ANFM04's rotations to the columns of the old factor (which leaves
-// the old first row as an extra row along the subdiagonal), the row stage
-// folds that row back in by plane rotations, and the closing stage either
-// lets a singular tail shrink or refactors an indefinite part.
-void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
-            const int& ldz, const double* cs, double* w, int* ipvt, const double& t11,
-            const int& m, const int& r, const int& n, int& st, const int& flag,
-            const int& channel) {
-  (void)channel;
-  if (!(n <= ldh && m < ldt && n <= ldz && m >= 1 && r >= 0 && n >= 2)) qpArgumentTrap("ANFM05");
-  const bool singularTail = st >= 1 && st <= m + 1;
-  const i64 rg = singularTail ? m - st + 1 : r;  // good leading rows
-  if (st == m + 1) {
-    st = m;
-    return;
-  }
-  // Column stage.  a = w(0:m), the running column; b = w(m+1:2m+1).
+namespace {
+
+// Column stage of the update after an addition: ANFM04's rotations
+// (c, s) = (cs(j), cs(m+j)) applied to the columns of the old factor, as
+// they met Z's columns in pivot order.  a = w(0:m) is the running column,
+// starting as the old first column (t11 alone, or 1.0 with no good rows);
+// b = w(m+1:2m+1) the old column j+1, of its min(j+2, rg) good entries.
+// Where the rotation ran the other way (ipvt(j+1) above the running
+// index), a and b change roles, a tail column entering as a unit column.
+// New column j is s a - c b moved one row up, so that the old first row
+// goes below the triangle, at row j+1 (row rg-1 beyond the good rows): T is
+// left triangular with that extra row along its subdiagonal.
+void rotateColumns(double* T, i64 ldt, const double* cs, double* w, int* ipvt, double t11,
+                   i64 m, i64 rg) {
   double* a = w;
   double* b = &w[m + 1];
   for (i64 i = 0; i <= m; ++i) a[i] = 0.0;
@@ -531,8 +527,13 @@ void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const do
     const i64 extraRow = j + 1 < rg ? j + 1 : rg - 1;
     if (extraRow >= 0) T[at(extraRow, j, ldt)] = extra;
   }
-  // Row stage: fold the extra row (row min(c+1, rg-1) of column c) into the
-  // triangle, rows 0..rg-2.
+}
+
+// Row stage: the extra row (row min(c+1, rg-1) of column c) is folded into
+// rows 0..rg-2 of the triangle by plane rotations, a rank-one update: the
+// subdiagonal e of column j against the diagonal d, rho = sqrt(d^2 + e^2).
+// A subdiagonal at or below P leaves its row unrotated.
+void foldExtraRow(double* T, i64 ldt, i64 m, i64 rg) {
   for (i64 j = 0; j + 1 < rg; ++j) {
     const double e = T[at(j + 1, j, ldt)];
     const double dj = T[at(j, j, ldt)];
@@ -548,27 +549,37 @@ void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const do
       v = s * u0 - c * v0;
     }
   }
-  if (singularTail) {
-    // pivot the largest entry of the extra row onto the diagonal
-    const i64 rr = rg - 1;
-    i64 cbest = rr;
-    double best = std::fabs(T[at(rr, rr, ldt)]);
-    for (i64 cc = rr + 1; cc < m; ++cc)
-      if (std::fabs(T[at(rr, cc, ldt)]) > best) {
-        best = std::fabs(T[at(rr, cc, ldt)]);
-        cbest = cc;
-      }
-    if (T[at(rr, cbest, ldt)] < -kPrecision)
-      for (i64 cc = rr; cc < m; ++cc) T[at(rr, cc, ldt)] = -T[at(rr, cc, ldt)];
-    if (cbest != rr) {
-      swapColumns(T, ldt, rr + 1, rr, cbest);
-      std::swap(ipvt[rr], ipvt[cbest]);
+}
+
+// Closing of a singular tail: the largest |entry| of row rg-1, the first of
+// equals, is pivoted onto the diagonal (the row negated first when that
+// entry is below -P).  A diagonal above P^0.9 means the addition gave the
+// tail's first position curvature: the tail is one shorter.
+void closeSingularTail(double* T, i64 ldt, int* ipvt, i64 m, i64 rg, int& st) {
+  const i64 rr = rg - 1;
+  i64 cbest = rr;
+  double best = std::fabs(T[at(rr, rr, ldt)]);
+  for (i64 cc = rr + 1; cc < m; ++cc)
+    if (std::fabs(T[at(rr, cc, ldt)]) > best) {
+      best = std::fabs(T[at(rr, cc, ldt)]);
+      cbest = cc;
     }
-    if (T[at(rr, rr, ldt)] > kPrecision09) st = st - 1;
-    return;
+  if (T[at(rr, cbest, ldt)] < -kPrecision)
+    for (i64 cc = rr; cc < m; ++cc) T[at(rr, cc, ldt)] = -T[at(rr, cc, ldt)];
+  if (cbest != rr) {
+    swapColumns(T, ldt, rr + 1, rr, cbest);
+    std::swap(ipvt[rr], ipvt[cbest]);
   }
-  if (st == 0) return;
-  // Indefinite part: factor again from position rg-1 on.
+  if (T[at(rr, rr, ldt)] > kPrecision09) st = st - 1;
+}
+
+// An indefinite part cannot be updated: it is factored again from position
+// rg-1 on, going on from the rg-1 good rows.  ANFM03's status counts from
+// that position; it is shifted to the whole factor (below L - m, an
+// indefinite pair, by -2L; a negative pivot by -L), the growth marker kept.
+int refactorIndefinitePart(const double* H, const int& ldh, double* T, const int& ldt,
+                           const double* Z, const int& ldz, double* w, int* ipvt, const int& m,
+                           i64 rg, const int& n, const int& flag, const int& channel) {
   const int L = static_cast<int>(rg - 1);
   int kf = L;
   ANFM03(H, ldh, &T[at(0, L, ldt)], ldt, Z, ldz, w, &ipvt[L], n, m, kf, flag, channel);
@@ -582,7 +593,38 @@ void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const do
     kf -= 2 * L;
   else if (kf < 0)
     kf -= L;
-  st = marked ? kf - marker : kf;
+  return marked ? kf - marker : kf;
+}
+
+}  // namespace
+
+// Rebuilds T for the m columns of Z left after ANFM04: the column stage
+// applies ANFM04's rotations to the columns of the old factor (which leaves
+// the old first row as an extra row along the subdiagonal), the row stage
+// folds that row back in by plane rotations, and the closing stage either
+// lets a singular tail shrink or refactors an indefinite part.  A complete
+// factor stays complete through the first two stages.
+void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
+            const int& ldz, const double* cs, double* w, int* ipvt, const double& t11,
+            const int& m, const int& r, const int& n, int& st, const int& flag,
+            const int& channel) {
+  (void)channel;
+  if (!(n <= ldh && m < ldt && n <= ldz && m >= 1 && r >= 0 && n >= 2)) qpArgumentTrap("ANFM05");
+  const bool singularTail = st >= 1 && st <= m + 1;
+  const i64 rg = singularTail ? m - st + 1 : r;  // good leading rows
+  if (st == m + 1) {
+    // nothing of the old factor was usable, and nothing is now
+    st = m;
+    return;
+  }
+  rotateColumns(T, ldt, cs, w, ipvt, t11, m, rg);
+  foldExtraRow(T, ldt, m, rg);
+  if (singularTail) {
+    closeSingularTail(T, ldt, ipvt, m, rg, st);
+    return;
+  }
+  if (st == 0) return;
+  st = refactorIndefinitePart(H, ldh, T, ldt, Z, ldz, w, ipvt, m, rg, n, flag, channel);
 }
 
 // Extends T by the new null vector z after a deletion: T moves one column
