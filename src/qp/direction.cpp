@@ -258,9 +258,9 @@ void indefinitePairDirection(const double* T, int ldt, double* y, double* p, con
 
 // Stage 3, back to the variables: p = sum_j y(j) Z(:, nz-1-j).  With
 // st = -1 the direction is the column of the first pivot itself; with no
-// curvature at all (st = nz) it is the reduced gradient, c Z(:,0) in mode
-// 1.  Returns true when that gradient is at or below t: p = 0, the point
-// is stationary on Z.
+// curvature at all (st = nz) it is the reduced gradient, which is
+// c Z(:,0) after a deletion.  Returns true when that gradient is at or
+// below t: p = 0, the point is stationary on Z.
 bool toVariables(const double* Z, int ldq, double* y, double* p, const int* ipvt, int nz,
                  int n, int st, int mode, double c, double t) {
   if (st == -1) {
