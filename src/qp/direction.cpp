@@ -200,8 +200,10 @@ bool singularTailDirection(const double* T, int ldt, double* y, double* p, const
 
 // Zero-curvature last position coupled to the tail (nz < st <= 2nz,
 // r = 2nz - st): p(0:r-1) from T(0:r-1,0:r-1) p = T(0:r-1,r:nz-2)
-// T(r:nz-2,nz-1) - T(0:r-1,nz-1), then -T(r:nz-2,nz-1) and 1: a direction
-// of null curvature, turned against the slope c.
+// T(r:nz-2,nz-1) - T(0:r-1,nz-1), then -T(r:nz-2,nz-1) and 1, negated
+// when the slope c is negative.  The coupling of a zero pivot makes the
+// objective non-convex along it: the ratio test takes it as a direction of
+// negative curvature.
 void coupledLastDirection(const double* T, int ldt, double* y, double* p, const int* ipvt,
                           int nz, int st, double c) {
   const int job2 = 2;
@@ -220,8 +222,8 @@ void coupledLastDirection(const double* T, int ldt, double* y, double* p, const 
 
 // Position r-1 carries a row of couplings over a zero pivot (st > 2nz,
 // r = 3nz - st): with b the row T(r-1,r:nz-1), p(0:r-2) = -T(0:r-2,r:nz-1) b,
-// p(r-1) = -|b|^2, solved with the leading r triangle, then -b: a direction
-// of negative curvature, turned against the slope c.
+// p(r-1) = -|b|^2, solved with the leading r triangle, then -b, negated
+// when c p(r-1) is negative: a direction of negative curvature.
 void couplingRowDirection(const double* T, int ldt, double* y, double* p, const int* ipvt,
                           int nz, int st, double c) {
   const int job2 = 2;
