@@ -397,9 +397,9 @@ int hiddenCouplingStatus(const double* H, i64 ldh, double* T, i64 ldt, const dou
 // a growth stop (g = 1) or for want of a pivot above tol.  The smallest
 // diagonal, the first of equals, below -tol is a negative pivot: it moves
 // to position r and the status is -(r+1), with the marker -10 ldz added
-// after a growth stop so that the next update knows the factor is
-// unreliable (a refusal, n, when flag is 0).  Otherwise the couplings
-// decide.
+// after a growth stop: the last finished row followed a tiny pivot, and
+// the next update keeps one factored row fewer (a refusal, n, when flag is
+// 0).  Otherwise the couplings decide.
 int tailStatus(const double* H, i64 ldh, double* T, i64 ldt, const double* Z, i64 ldz,
                int* ipvt, double* w, i64 n, i64 m, i64 K, i64 r, i64 L, double d, int g,
                double tol, int flag) {
