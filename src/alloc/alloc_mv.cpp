@@ -12,8 +12,28 @@ namespace lumbra::alloc {
 using namespace lumbra::kernels;
 
 namespace {
+
 constexpr double kZero = 0.0;
+
+// The constraints both problems share: the caller's m = nEq + nIneq columns
+// as they stand, C(:,0:m-1) = cons, d(0:m-1) = rhs, then the return row
+// mu' w >= limit turned round into the last inequality, C(:,m) = -mu,
+// d(m) = -limit.
+void copyConstraintsWithReturnRow(const int& n, const double* mu, const double& limit,
+                                  const int& nEq, const int& nIneq, const double* cons,
+                                  const double* rhs, int& me, int& mi, double* C, double* d) {
+  const i64 m = i64{nEq} + nIneq;
+  me = nEq;
+  mi = nIneq + 1;
+  for (i64 j = 0; j < m; ++j) {
+    for (i64 i = 0; i < n; ++i) C[at(i, j, n)] = cons[at(i, j, n)];
+    d[j] = rhs[j];
+  }
+  for (i64 i = 0; i < n; ++i) C[at(i, m, n)] = -mu[i];
+  d[m] = -limit;
 }
+
+}  // namespace
 
 // c (n), multipliers (n + m + 1), d (m + 1), C (n (m + 1)), then the scratch.
 void allocCarve(const int& n, const int& m, double* work, AllocLayout& layout) {
@@ -29,16 +49,8 @@ void allocCarve(const int& n, const int& m, double* work, AllocLayout& layout) {
 void allocMVBuildProblem(const int& n, const double* mu, const double& target, const int& nEq,
                          const int& nIneq, const double* cons, const double* rhs, int& me,
                          int& mi, double* C, double* d, double* c) {
-  const i64 m = i64{nEq} + nIneq;
-  me = nEq;
-  mi = nIneq + 1;
   vecFill(n, c, kZero);
-  for (i64 j = 0; j < m; ++j) {
-    for (i64 i = 0; i < n; ++i) C[at(i, j, n)] = cons[at(i, j, n)];
-    d[j] = rhs[j];
-  }
-  for (i64 i = 0; i < n; ++i) C[at(i, m, n)] = -mu[i];
-  d[m] = -target;
+  copyConstraintsWithReturnRow(n, mu, target, nEq, nIneq, cons, rhs, me, mi, C, d);
 }
 
 // As the mean-variance problem with c = -q (q = Sigma b, the covariances
@@ -47,16 +59,9 @@ void allocITBuildProblem(const int& n, const double& benchReturn, const double* 
                          const double* benchCov, const double& excess, const int& nEq,
                          const int& nIneq, const double* cons, const double* rhs, int& me,
                          int& mi, double* C, double* d, double* c) {
-  const i64 m = i64{nEq} + nIneq;
-  me = nEq;
-  mi = nIneq + 1;
   for (i64 i = 0; i < n; ++i) c[i] = -benchCov[i];
-  for (i64 j = 0; j < m; ++j) {
-    for (i64 i = 0; i < n; ++i) C[at(i, j, n)] = cons[at(i, j, n)];
-    d[j] = rhs[j];
-  }
-  for (i64 i = 0; i < n; ++i) C[at(i, m, n)] = -mu[i];
-  d[m] = -(excess + benchReturn);
+  const double limit = excess + benchReturn;
+  copyConstraintsWithReturnRow(n, mu, limit, nEq, nIneq, cons, rhs, me, mi, C, d);
 }
 
 // The feasibility start decides whether the constraints can be met; only

@@ -244,157 +244,131 @@ void updateLaterDiagonals(double* T, i64 ldt, i64 rows, i64 from, i64 L) {
     T[at(c, c, ldt)] -= qpBlasDot(rows, &T[at(0, c, ldt)], 1, &T[at(0, c, ldt)], 1);
 }
 
-}  // namespace
+// Column of Z for position j of the block: reduced index ipvt(j) stands
+// for column m - ipvt(j) (0-based) of the m columns handed in.
+const double* zColumn(const double* Z, i64 ldz, i64 m, const int* ipvt, i64 j) {
+  return &Z[at(0, m - ipvt[j], ldz)];
+}
 
-// Cholesky-type factor with diagonal pivoting of the reduced Hessian of the
-// m columns of Z (columns L..m-1 already reduced by kf finished rows),
-// reporting definite (0), a singular tail (count), a negative pivot or an
-// indefinite pair (negative), or a refusal (n) when flag is 0.
-void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
-            const int& ldz, double* w, int* ipvt, const int& n, const int& m, int& kf,
-            const int& flag, const int& channel) {
-  (void)channel;
-  if (!(ldh >= n && m <= ldt && ldz >= n && m - kf >= 1 && kf >= 0)) qpArgumentTrap("ANFM03");
-  const i64 K = kf;
-  const i64 L = m - K;
+// Diagonals of the L columns still to do: z_c' H z_c less the squares of
+// the K finished entries above them, stored at their diagonal places, and
+// gamma = max(1, |diagonal|), the scale of the tolerances.  Returns false,
+// a refusal, when flag is 0 and a diagonal is clearly negative (below
+// -10P): that caller wants no account of indefiniteness.
+bool formDiagonals(const double* H, i64 ldh, double* T, i64 ldt, const double* Z, i64 ldz,
+                   double* w, const int* ipvt, i64 n, i64 m, i64 K, i64 L, int flag,
+                   double& gamma) {
   const double tenP = 10.0 * kPrecision;
-  // Z column (0-based) for position j of this block
-  auto zcol = [&](i64 j) -> const double* { return &Z[at(0, m - ipvt[j], ldz)]; };
-
-  int sw = 0;
-  if (K == 0) {
-    for (i64 i = 0; i < L; ++i) ipvt[i] = static_cast<int>(i + 1);
-  } else {
-    sw = 1;
-  }
-  double gamma = 1.0;
+  gamma = 1.0;
   for (i64 j = 0; j < L; ++j) {
-    double diag = selfCurvature(H, ldh, n, zcol(j), w);  // z_c' H z_c
+    double diag = selfCurvature(H, ldh, n, zColumn(Z, ldz, m, ipvt, j), w);  // z_c' H z_c
     diag -= qpBlasDot(K, &T[at(0, j, ldt)], 1, &T[at(0, j, ldt)], 1);
-    if (flag == 0 && diag < -tenP) {
-      kf = n;
-      return;
-    }
+    if (flag == 0 && diag < -tenP) return false;
     diagOf(T, ldt, K, j) = diag;
     gamma = std::max(gamma, std::fabs(diag));
   }
-  if (L == 1) {
-    const double e = diagOf(T, ldt, K, 0);
-    if (e > tenP) {
-      diagOf(T, ldt, K, 0) = std::sqrt(e);
-      kf = 0;
-    } else if (e < -tenP) {
-      kf = -1;
-    } else {
-      kf = 1;
-    }
-    return;
-  }
+  return true;
+}
 
-  const double eps = kPrecision * gamma;
-  double tol = static_cast<double>(K) * eps;
-  const double bound = std::max(10.0 * static_cast<double>(L) * eps, 1.2 * std::sqrt(gamma));
-  double mx = 0.0;
-  i64 r = 0;  // 0-based column in the loop, rr = K + r its diagonal row
-  double d = 0.0;
-  int g = 0;
-  bool tail = false;
-  for (r = 0; r < L - 1; ++r) {
-    tol += eps;
-    const i64 rr = K + r;
-    d = pivotCandidate(T, ldt, K, r, sw);
-    // growth: a row of large coupling terms means a tiny pivot went before
-    if (mx > bound) {
-      if (sw == 0) updateLaterDiagonals(T, ldt, rr, r + 1, L);
-      g = 1;
-      tail = true;
-      break;
-    }
-    if (!(d > tol && sw == 0)) {
-      if (sw == 0) {
-        updateLaterDiagonals(T, ldt, rr, r + 1, L);
-        sw = 1;
-      }
-      double best = d;
-      i64 p = r;
-      for (i64 c = r + 1; c < L; ++c)
-        if (diagOf(T, ldt, K, c) > best) {
-          best = diagOf(T, ldt, K, c);
-          p = c;
-        }
-      if (!(best > tol)) {
-        g = 0;
-        tail = true;
-        break;
-      }
-      if (p != r) {
-        swapColumns(T, ldt, rr, r, p);
-        std::swap(ipvt[r], ipvt[p]);
-        diagOf(T, ldt, K, p) = d;
-        d = best;
-      }
-    }
-    // accept pivot d: row rr of T
-    const double s = std::sqrt(d);
-    T[at(rr, r, ldt)] = s;
-    symLowerMulVec(H, ldh, n, zcol(r), w);
-    mx = 0.0;
-    for (i64 c = r + 1; c < L; ++c) {
-      const double t =
-          (qpBlasDot(n, zcol(c), 1, w, 1) - qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, r, ldt)], 1)) / s;
-      T[at(rr, c, ldt)] = t;
-      if (sw == 1) diagOf(T, ldt, K, c) -= t * t;
-      mx = std::max(mx, std::fabs(t));
-    }
+// A single column decides by its diagonal e alone, against 10P: sqrt(e)
+// stored and status 0, a negative pivot (-1), or no curvature (1).
+int singleColumnStatus(double* T, i64 ldt, i64 K) {
+  const double tenP = 10.0 * kPrecision;
+  const double e = diagOf(T, ldt, K, 0);
+  if (e > tenP) {
+    diagOf(T, ldt, K, 0) = std::sqrt(e);
+    return 0;
   }
+  return e < -tenP ? -1 : 1;
+}
 
-  if (!tail) {
-    // last column
-    tol += eps;
-    r = L - 1;
-    d = pivotCandidate(T, ldt, K, r, sw);
-    if (d > tol) {
-      diagOf(T, ldt, K, r) = std::sqrt(d);
-      kf = 0;
-    } else if (d < -tol) {
-      kf = static_cast<int>(-L);
-    } else {
-      kf = 1;
-    }
-    return;
-  }
-
-  // Indefinite or singular tail from column r with diagonal d.
+// Diagonal pivoting at column r.  The first time, every later diagonal is
+// brought up to date (sw := 1), since from now on the largest is chosen.
+// The largest diagonal, the first of equals, from a start at d, becomes the
+// pivot d: its column and ipvt entry exchange places with r's, and r's
+// diagonal goes to its place.  Returns false when even the largest is not
+// above tol: what is left is a singular or indefinite tail.
+bool pivotOnLargestDiagonal(double* T, i64 ldt, int* ipvt, i64 K, i64 r, i64 L, double tol,
+                            int& sw, double& d) {
   const i64 rr = K + r;
-  double dmin = d;
-  i64 q = r;
-  for (i64 c = r + 1; c < L; ++c)
-    if (diagOf(T, ldt, K, c) < dmin) {
-      dmin = diagOf(T, ldt, K, c);
-      q = c;
-    }
-  if (dmin < -tol) {
-    if (flag == 0) {
-      kf = n;
-      return;
-    }
-    swapColumns(T, ldt, rr, r, q);
-    std::swap(ipvt[r], ipvt[q]);
-    diagOf(T, ldt, K, q) = d;
-    diagOf(T, ldt, K, r) = dmin;
-    kf = static_cast<int>(-(r + 1)) - (g == 1 ? 10 * ldz : 0);
-    return;
+  if (sw == 0) {
+    updateLaterDiagonals(T, ldt, rr, r + 1, L);
+    sw = 1;
   }
-  // No negative diagonal: look for curvature hidden in the couplings of the
-  // tail, z_c' H z_c' less the finished rows.
+  double best = d;
+  i64 p = r;
+  for (i64 c = r + 1; c < L; ++c)
+    if (diagOf(T, ldt, K, c) > best) {
+      best = diagOf(T, ldt, K, c);
+      p = c;
+    }
+  if (!(best > tol)) return false;
+  if (p != r) {
+    swapColumns(T, ldt, rr, r, p);
+    std::swap(ipvt[r], ipvt[p]);
+    diagOf(T, ldt, K, p) = d;
+    d = best;
+  }
+  return true;
+}
+
+// Accepts pivot d of column r: row rr = K + r of T, with s = sqrt(d) on the
+// diagonal and T(rr,c) = (z_c' H z_r - T(0:rr-1,c)' T(0:rr-1,r)) / s for
+// the later columns, u = H z_r formed once in w.  Once pivoting has begun
+// (sw = 1) each later diagonal loses T(rr,c)^2 at once.  Returns the
+// largest |T(rr,c)|, the growth that the next column tests.
+double eliminateRow(const double* H, i64 ldh, double* T, i64 ldt, const double* Z, i64 ldz,
+                    const int* ipvt, double* w, i64 n, i64 m, i64 K, i64 r, i64 L, int sw,
+                    double d) {
+  const i64 rr = K + r;
+  const double s = std::sqrt(d);
+  T[at(rr, r, ldt)] = s;
+  symLowerMulVec(H, ldh, n, zColumn(Z, ldz, m, ipvt, r), w);
+  double mx = 0.0;
+  for (i64 c = r + 1; c < L; ++c) {
+    const double t = (qpBlasDot(n, zColumn(Z, ldz, m, ipvt, c), 1, w, 1) -
+                      qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, r, ldt)], 1)) /
+                     s;
+    T[at(rr, c, ldt)] = t;
+    if (sw == 1) diagOf(T, ldt, K, c) -= t * t;
+    mx = std::max(mx, std::fabs(t));
+  }
+  return mx;
+}
+
+// The last column, once all before it are pivots: its diagonal against
+// tol gives sqrt stored and status 0, a negative pivot (-L), or a one
+// column singular tail (1).
+int lastColumnStatus(double* T, i64 ldt, i64 K, i64 L, int sw, double tol) {
+  const i64 r = L - 1;
+  const double d = pivotCandidate(T, ldt, K, r, sw);
+  if (d > tol) {
+    diagOf(T, ldt, K, r) = std::sqrt(d);
+    return 0;
+  }
+  if (d < -tol) return static_cast<int>(-L);
+  return 1;
+}
+
+// A tail whose diagonals are all above -tol may still hide curvature in
+// its couplings z_c' H z_c' less the finished rows, which are formed row
+// after row (rows K+r.. of T) until the largest |coupling| so far, from a
+// start at dmin, exceeds tol.  Such a pair is indefinite: its two columns
+// are brought to positions r and r+1, the coupling goes next to the
+// diagonal, and the status is -(r+1) - L (a refusal, n, when flag is 0).
+// Without one the L - r tail columns have no curvature: status L - r.
+int hiddenCouplingStatus(const double* H, i64 ldh, double* T, i64 ldt, const double* Z,
+                         i64 ldz, int* ipvt, double* w, i64 n, i64 m, i64 K, i64 r, i64 L,
+                         double dmin, i64 q, double tol, int flag) {
+  const i64 rr = K + r;
   double big = dmin;
   i64 bigCol = q;
   double bigVal = dmin;
   for (i64 rp = r; rp < L - 1; ++rp) {
-    symLowerMulVec(H, ldh, n, zcol(rp), w);
+    symLowerMulVec(H, ldh, n, zColumn(Z, ldz, m, ipvt, rp), w);
     for (i64 c = rp + 1; c < L; ++c) {
-      const double t =
-          qpBlasDot(n, zcol(c), 1, w, 1) - qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, rp, ldt)], 1);
+      const double t = qpBlasDot(n, zColumn(Z, ldz, m, ipvt, c), 1, w, 1) -
+                       qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, rp, ldt)], 1);
       T[at(K + rp, c, ldt)] = t;
       if (std::fabs(t) > big) {
         big = std::fabs(t);
@@ -403,10 +377,7 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
       }
     }
     if (big > tol) {
-      if (flag == 0) {
-        kf = n;
-        return;
-      }
+      if (flag == 0) return static_cast<int>(n);
       if (rp != r) {
         swapColumns(T, ldt, rr, r, rp);
         std::swap(ipvt[r], ipvt[rp]);
@@ -416,31 +387,119 @@ void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const do
         std::swap(ipvt[r + 1], ipvt[bigCol]);
       }
       T[at(rr, r + 1, ldt)] = bigVal;
-      kf = static_cast<int>(-(r + 1) - L);
-      return;
+      return static_cast<int>(-(r + 1) - L);
     }
   }
-  kf = static_cast<int>(L - r);
+  return static_cast<int>(L - r);
 }
 
-// Rebuilds T for the m columns of Z left after ANFM04: the column stage
-// applies ANFM04's rotations to the columns of the old factor (which leaves
-// the old first row as an extra row along the subdiagonal), the row stage
-// folds that row back in by plane rotations, and the closing stage either
-// lets a singular tail shrink or refactors an indefinite part.
-void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
-            const int& ldz, const double* cs, double* w, int* ipvt, const double& t11,
-            const int& m, const int& r, const int& n, int& st, const int& flag,
-            const int& channel) {
+// The tail from column r (diagonal d) where plain pivoting stopped, after
+// a growth stop (g = 1) or for want of a pivot above tol.  The smallest
+// diagonal, the first of equals, below -tol is a negative pivot: it moves
+// to position r and the status is -(r+1), with the marker -10 ldz added
+// after a growth stop: the last finished row followed a tiny pivot, and
+// the next update keeps one factored row fewer (a refusal, n, when flag is
+// 0).  Otherwise the couplings decide.
+int tailStatus(const double* H, i64 ldh, double* T, i64 ldt, const double* Z, i64 ldz,
+               int* ipvt, double* w, i64 n, i64 m, i64 K, i64 r, i64 L, double d, int g,
+               double tol, int flag) {
+  const i64 rr = K + r;
+  double dmin = d;
+  i64 q = r;
+  for (i64 c = r + 1; c < L; ++c)
+    if (diagOf(T, ldt, K, c) < dmin) {
+      dmin = diagOf(T, ldt, K, c);
+      q = c;
+    }
+  if (!(dmin < -tol))
+    return hiddenCouplingStatus(H, ldh, T, ldt, Z, ldz, ipvt, w, n, m, K, r, L, dmin, q, tol,
+                                flag);
+  if (flag == 0) return static_cast<int>(n);
+  swapColumns(T, ldt, rr, r, q);
+  std::swap(ipvt[r], ipvt[q]);
+  diagOf(T, ldt, K, q) = d;
+  diagOf(T, ldt, K, r) = dmin;
+  return static_cast<int>(-(r + 1)) - (g == 1 ? 10 * static_cast<int>(ldz) : 0);
+}
+
+}  // namespace
+
+// Cholesky-type factor with diagonal pivoting of the reduced Hessian of the
+// m columns of Z (columns L..m-1 already reduced by kf finished rows),
+// reporting definite (0), a singular tail (count), a negative pivot or an
+// indefinite pair (negative), or a refusal (n) when flag is 0.
+//
+// Stages: the diagonals of the columns to do; a single column decided
+// alone; then column after column, without pivoting while the diagonals
+// stay above the growing tolerance, with the largest diagonal as pivot
+// from the first one that does not; the last column; or, where pivoting
+// stops, the tail's account of negative or hidden curvature.  A row of
+// large couplings (above max(10 L eps, 1.2 sqrt(gamma))) means that a tiny
+// pivot went before, and stops the factorisation too.
+void ANFM03(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
+            const int& ldz, double* w, int* ipvt, const int& n, const int& m, int& kf,
+            const int& flag, const int& channel) {
   (void)channel;
-  if (!(n <= ldh && m < ldt && n <= ldz && m >= 1 && r >= 0 && n >= 2)) qpArgumentTrap("ANFM05");
-  const bool singularTail = st >= 1 && st <= m + 1;
-  const i64 rg = singularTail ? m - st + 1 : r;  // good leading rows
-  if (st == m + 1) {
-    st = m;
+  if (!(ldh >= n && m <= ldt && ldz >= n && m - kf >= 1 && kf >= 0)) qpArgumentTrap("ANFM03");
+  const i64 K = kf;
+  const i64 L = m - K;
+
+  // sw = 0: columns not yet swept, their diagonals updated only when used.
+  int sw = 0;
+  if (K == 0) {
+    for (i64 i = 0; i < L; ++i) ipvt[i] = static_cast<int>(i + 1);
+  } else {
+    sw = 1;
+  }
+  double gamma = 1.0;
+  if (!formDiagonals(H, ldh, T, ldt, Z, ldz, w, ipvt, n, m, K, L, flag, gamma)) {
+    kf = n;
     return;
   }
-  // Column stage.  a = w(0:m), the running column; b = w(m+1:2m+1).
+  if (L == 1) {
+    kf = singleColumnStatus(T, ldt, K);
+    return;
+  }
+
+  // Plain and pivoted elimination; tol grows by eps at each column.
+  const double eps = kPrecision * gamma;
+  double tol = static_cast<double>(K) * eps;
+  const double bound = std::max(10.0 * static_cast<double>(L) * eps, 1.2 * std::sqrt(gamma));
+  double mx = 0.0;  // largest coupling of the last finished row
+  for (i64 r = 0; r < L - 1; ++r) {
+    tol += eps;
+    const i64 rr = K + r;
+    double d = pivotCandidate(T, ldt, K, r, sw);
+    if (mx > bound) {
+      // growth: the later diagonals are brought up to date for the tail
+      if (sw == 0) updateLaterDiagonals(T, ldt, rr, r + 1, L);
+      kf = tailStatus(H, ldh, T, ldt, Z, ldz, ipvt, w, n, m, K, r, L, d, 1, tol, flag);
+      return;
+    }
+    if (!(d > tol && sw == 0) && !pivotOnLargestDiagonal(T, ldt, ipvt, K, r, L, tol, sw, d)) {
+      kf = tailStatus(H, ldh, T, ldt, Z, ldz, ipvt, w, n, m, K, r, L, d, 0, tol, flag);
+      return;
+    }
+    mx = eliminateRow(H, ldh, T, ldt, Z, ldz, ipvt, w, n, m, K, r, L, sw, d);
+  }
+  tol += eps;
+  kf = lastColumnStatus(T, ldt, K, L, sw, tol);
+}
+
+namespace {
+
+// Column stage of the update after an addition: ANFM04's rotations
+// (c, s) = (cs(j), cs(m+j)) applied to the columns of the old factor, as
+// they met Z's columns in pivot order.  a = w(0:m) is the running column,
+// starting as the old first column (t11 alone, or 1.0 with no good rows);
+// b = w(m+1:2m+1) the old column j+1, of its min(j+2, rg) good entries.
+// Where the rotation ran the other way (ipvt(j+1) above the running
+// index), a and b change roles, a tail column entering as a unit column.
+// New column j is s a - c b moved one row up, so that the old first row
+// goes below the triangle, at row j+1 (row rg-1 beyond the good rows): T is
+// left triangular with that extra row along its subdiagonal.
+void rotateColumns(double* T, i64 ldt, const double* cs, double* w, int* ipvt, double t11,
+                   i64 m, i64 rg) {
   double* a = w;
   double* b = &w[m + 1];
   for (i64 i = 0; i <= m; ++i) a[i] = 0.0;
@@ -468,8 +527,13 @@ void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const do
     const i64 extraRow = j + 1 < rg ? j + 1 : rg - 1;
     if (extraRow >= 0) T[at(extraRow, j, ldt)] = extra;
   }
-  // Row stage: fold the extra row (row min(c+1, rg-1) of column c) into the
-  // triangle, rows 0..rg-2.
+}
+
+// Row stage: the extra row (row min(c+1, rg-1) of column c) is folded into
+// rows 0..rg-2 of the triangle by plane rotations, a rank-one update: the
+// subdiagonal e of column j against the diagonal d, rho = sqrt(d^2 + e^2).
+// A subdiagonal at or below P leaves its row unrotated.
+void foldExtraRow(double* T, i64 ldt, i64 m, i64 rg) {
   for (i64 j = 0; j + 1 < rg; ++j) {
     const double e = T[at(j + 1, j, ldt)];
     const double dj = T[at(j, j, ldt)];
@@ -485,27 +549,37 @@ void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const do
       v = s * u0 - c * v0;
     }
   }
-  if (singularTail) {
-    // pivot the largest entry of the extra row onto the diagonal
-    const i64 rr = rg - 1;
-    i64 cbest = rr;
-    double best = std::fabs(T[at(rr, rr, ldt)]);
-    for (i64 cc = rr + 1; cc < m; ++cc)
-      if (std::fabs(T[at(rr, cc, ldt)]) > best) {
-        best = std::fabs(T[at(rr, cc, ldt)]);
-        cbest = cc;
-      }
-    if (T[at(rr, cbest, ldt)] < -kPrecision)
-      for (i64 cc = rr; cc < m; ++cc) T[at(rr, cc, ldt)] = -T[at(rr, cc, ldt)];
-    if (cbest != rr) {
-      swapColumns(T, ldt, rr + 1, rr, cbest);
-      std::swap(ipvt[rr], ipvt[cbest]);
+}
+
+// Closing of a singular tail: the largest |entry| of row rg-1, the first of
+// equals, is pivoted onto the diagonal (the row negated first when that
+// entry is below -P).  A diagonal above P^0.9 means the addition gave the
+// tail's first position curvature: the tail is one shorter.
+void closeSingularTail(double* T, i64 ldt, int* ipvt, i64 m, i64 rg, int& st) {
+  const i64 rr = rg - 1;
+  i64 cbest = rr;
+  double best = std::fabs(T[at(rr, rr, ldt)]);
+  for (i64 cc = rr + 1; cc < m; ++cc)
+    if (std::fabs(T[at(rr, cc, ldt)]) > best) {
+      best = std::fabs(T[at(rr, cc, ldt)]);
+      cbest = cc;
     }
-    if (T[at(rr, rr, ldt)] > kPrecision09) st = st - 1;
-    return;
+  if (T[at(rr, cbest, ldt)] < -kPrecision)
+    for (i64 cc = rr; cc < m; ++cc) T[at(rr, cc, ldt)] = -T[at(rr, cc, ldt)];
+  if (cbest != rr) {
+    swapColumns(T, ldt, rr + 1, rr, cbest);
+    std::swap(ipvt[rr], ipvt[cbest]);
   }
-  if (st == 0) return;
-  // Indefinite part: factor again from position rg-1 on.
+  if (T[at(rr, rr, ldt)] > kPrecision09) st = st - 1;
+}
+
+// An indefinite part cannot be updated: it is factored again from position
+// rg-1 on, going on from the rg-1 good rows.  ANFM03's status counts from
+// that position; it is shifted to the whole factor (below L - m, an
+// indefinite pair, by -2L; a negative pivot by -L), the growth marker kept.
+int refactorIndefinitePart(const double* H, const int& ldh, double* T, const int& ldt,
+                           const double* Z, const int& ldz, double* w, int* ipvt, const int& m,
+                           i64 rg, const int& n, const int& flag, const int& channel) {
   const int L = static_cast<int>(rg - 1);
   int kf = L;
   ANFM03(H, ldh, &T[at(0, L, ldt)], ldt, Z, ldz, w, &ipvt[L], n, m, kf, flag, channel);
@@ -519,7 +593,38 @@ void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const do
     kf -= 2 * L;
   else if (kf < 0)
     kf -= L;
-  st = marked ? kf - marker : kf;
+  return marked ? kf - marker : kf;
+}
+
+}  // namespace
+
+// Rebuilds T for the m columns of Z left after ANFM04: the column stage
+// applies ANFM04's rotations to the columns of the old factor (which leaves
+// the old first row as an extra row along the subdiagonal), the row stage
+// folds that row back in by plane rotations, and the closing stage either
+// lets a singular tail shrink or refactors an indefinite part.  A complete
+// factor stays complete through the first two stages.
+void ANFM05(const double* H, const int& ldh, double* T, const int& ldt, const double* Z,
+            const int& ldz, const double* cs, double* w, int* ipvt, const double& t11,
+            const int& m, const int& r, const int& n, int& st, const int& flag,
+            const int& channel) {
+  (void)channel;
+  if (!(n <= ldh && m < ldt && n <= ldz && m >= 1 && r >= 0 && n >= 2)) qpArgumentTrap("ANFM05");
+  const bool singularTail = st >= 1 && st <= m + 1;
+  const i64 rg = singularTail ? m - st + 1 : r;  // good leading rows
+  if (st == m + 1) {
+    // nothing of the old factor was usable, and nothing is now
+    st = m;
+    return;
+  }
+  rotateColumns(T, ldt, cs, w, ipvt, t11, m, rg);
+  foldExtraRow(T, ldt, m, rg);
+  if (singularTail) {
+    closeSingularTail(T, ldt, ipvt, m, rg, st);
+    return;
+  }
+  if (st == 0) return;
+  st = refactorIndefinitePart(H, ldh, T, ldt, Z, ldz, w, ipvt, m, rg, n, flag, channel);
 }
 
 // Extends T by the new null vector z after a deletion: T moves one column

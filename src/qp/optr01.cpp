@@ -18,13 +18,6 @@ constexpr double kUnit = 1.0;
 constexpr double kMinusUnit = -1.0;
 constexpr double kZero = 0.0;
 
-// r := x' y over n unit-stride entries; 0 for n < 1.
-double dot(i64 n, const double* x, const double* y) {
-  if (n < 1) return 0.0;
-  const int len = static_cast<int>(n);
-  return ddot_(&len, x, &kOne, y, &kOne);
-}
-
 // The fixed data of one search, shared by its steps.
 struct Problem {
   const double* C;  // all rows, equalities first
@@ -137,13 +130,13 @@ bool solveEqualities(const Problem& p, const double* Q, int ldq, const double* R
   if (kcur >= 1) {
     for (i64 j = 0; j < kcur; ++j) {
       const i64 c = list[j] - 1;
-      v[j] = zero ? p.b[c] : p.b[c] - dot(p.n, p.C + at(0, c, p.ldc), x);
+      v[j] = zero ? p.b[c] : p.b[c] - qpDot(p.n, p.C + at(0, c, p.ldc), x);
     }
     solveOnRange(p, Q, ldq, R, ldr, kcur, v, x, !zero);
   }
   for (i64 j = kcur; j < p.me; ++j) {
     const i64 c = list[j] - 1;
-    const double r = kcur == 0 ? p.b[c] : p.b[c] - dot(p.n, p.C + at(0, c, p.ldc), x);
+    const double r = kcur == 0 ? p.b[c] : p.b[c] - qpDot(p.n, p.C + at(0, c, p.ldc), x);
     if (std::fabs(r) > kPrecision075) return false;
   }
   return true;
@@ -193,7 +186,7 @@ void buildStartVertex(const Problem& p, double* Q, int ldq, double* R, int ldr, 
   for (i64 j = 0; j < p.mi && kact < p.n; ++j) {
     if (IRE[p.n + j] != 0) continue;
     const double* a = p.C + at(0, p.me + j, p.ldc);
-    if (p.b[p.me + j] - dot(p.n, a, x) <= kPrecision075)
+    if (p.b[p.me + j] - qpDot(p.n, a, x) <= kPrecision075)
       enter(p, Q, ldq, R, ldr, scratch, list, IRE, kact, p.n + j + 1, 1, channel);
   }
   for (i64 i = 0; i < p.n && kact < p.n; ++i) {
@@ -257,7 +250,7 @@ int descentDirection(const Problem& p, double* Q, int ldq, double* R, int ldr, i
   st.dropped = 0;
   if (nrm >= kPrecision075) {
     qpColumnCombination(Q + at(0, kact, ldq), ldq, n, nz, y, d);  // d = Z y
-    st.s = -dot(n, w, d);
+    st.s = -qpDot(n, w, d);
     return 0;
   }
   // Multipliers of the working set: R u = Q(:,0:kact-1)' w.
@@ -276,7 +269,7 @@ int descentDirection(const Problem& p, double* Q, int ldq, double* R, int ldr, i
   st.dropPlace = place;
   st.dropped = 0;
   const double* q = Q + at(0, kact - 1, ldq);
-  double s0 = dot(n, q, w);
+  double s0 = qpDot(n, q, w);
   if (s0 < 0.0) {
     for (i64 i = 0; i < n; ++i) d[i] = -q[i];
   } else {
@@ -303,7 +296,7 @@ int degenerateHit(const Problem& p, const double* x, const double* w, double* pr
       return static_cast<int>(-(i + 1));
   }
   for (i64 j = 0; j < p.mi; ++j)
-    if (IRE[n + j] != 1) prod[j] = dot(n, p.C + at(0, p.me + j, p.ldc), d);
+    if (IRE[n + j] != 1) prod[j] = qpDot(n, p.C + at(0, p.me + j, p.ldc), d);
   for (i64 j = 0; j < p.mi; ++j)
     if (IRE[n + j] == 0 && res[j] >= -t && prod[j] > t) return static_cast<int>(n + j + 1);
   return 0;
@@ -440,6 +433,97 @@ bool acceptEntering(const Problem& p, double* Q, int ldq, double* R, int ldr, do
   return true;
 }
 
+// The digits of ind: above 20, stop as soon as the QR factors stand; 11..20,
+// build the start vertex; what is left, 2 or 4, reads the states in IRE.
+struct StartMode {
+  bool stopAfterFactors;
+  bool vertex;
+  bool readStates;
+};
+
+StartMode decodeStartMode(int ind) {
+  int mode = ind;
+  const bool stopAfterFactors = mode > 20;
+  if (mode > 20) mode -= 20;
+  const bool vertex = mode >= 11;
+  if (mode > 10) mode -= 10;
+  return StartMode{stopAfterFactors, vertex, mode == 2 || mode == 4};
+}
+
+// The start: Q := I and the independent equalities factored, x moved onto
+// them by the least-norm correction; then the states given in IRE when
+// they are read; then the start vertex, bounds and rows nearest to x, and
+// the move to it.  Returns -1 when the equalities are inconsistent, 1 when
+// the caller asked to stop once the factors stand, 0 to go on.
+int startPoint(const Problem& p, const StartMode& mode, double* Q, int ldq, double* R, int ldr,
+               double* w, double* x, int* list, int* IRE, int& kact, int& kcur, int channel) {
+  double* scratch = w + p.n;           // Householder vector of ANFM01
+  double* reduced = w + 2 * i64{p.n};  // right-hand sides and multipliers
+  factorEqualities(p, Q, ldq, R, ldr, scratch, list, kcur, channel);
+  if (!solveEqualities(p, Q, ldq, R, ldr, list, kcur, reduced, x)) return -1;
+  kact = kcur;
+  if (mode.readStates) enterGivenStates(p, Q, ldq, R, ldr, scratch, list, IRE, kact, channel);
+  if (mode.stopAfterFactors) return 1;
+  if (mode.vertex) {
+    buildStartVertex(p, Q, ldq, R, ldr, scratch, list, IRE, kact, x, channel);
+    moveToVertex(p, Q, ldq, R, ldr, list, kact, kcur, reduced, x);
+  }
+  return 0;
+}
+
+// Bookkeeping of a degenerate hit, a step of length zero: false when the
+// search cycles, that is when a pass that dropped a constraint makes the
+// run of consecutive hits longer than the working set, or when the
+// constraint that entered two hits ago comes back while the place just
+// dropped is the last of the working set.
+bool recordDegenerateHit(Search& st, int hit, int kact) {
+  ++st.hits;
+  if ((st.dropPlace != 0 && st.hits > kact) ||
+      (hit == st.beforeLastHit && kact == st.dropPlace))
+    return false;
+  st.beforeLastHit = st.lastHit;
+  st.lastHit = hit;
+  st.entering = hit;
+  return true;
+}
+
+// One pass of the descent on the sum of infeasibilities, once
+// qpInfeasibility has found x infeasible and formed the negative gradient
+// in w: the descent direction (dropping a working constraint if need be),
+// the degeneracy test, the walk over the breakpoints of the line, the step,
+// and the entering constraint.  Returns 0 to go on, 1 when no constraint
+// enters (the search ends with x as it stands), or the status -2 (x
+// minimises the infeasibility) or -3 (cycling).
+int descentPass(const Problem& p, double* Q, int ldq, double* R, int ldr, double* x, double* w,
+                int* list, int* IRE, int& kact, int kcur, Search& st, int channel) {
+  const i64 n = p.n;
+  double* scratch = w + n;
+  const double* d = w + n;
+  const double* res = w + 3 * n;
+  double* prod = w + 3 * n + p.mi;
+  if (descentDirection(p, Q, ldq, R, ldr, kact, kcur, w, st, channel) != 0) return -2;
+  if (st.dropPlace != 0) st.dropped = list[st.dropPlace - 1];
+
+  const int hit = degenerateHit(p, x, w, prod, IRE);
+  double a = 0.0;
+  if (hit != 0) {
+    if (!recordDegenerateHit(st, hit, kact)) return -3;
+  } else {
+    st.hits = 0;
+    st.lastHit = 0;
+    st.beforeLastHit = 0;
+    int* bp = list + kact;  // breakpoints behind the working set
+    const int nb = listBreakpoints(p, x, d, res, prod, IRE, st, bp);
+    a = walk(p, x, d, res, prod, IRE, bp, nb, st);
+  }
+
+  if (a != 0.0) daxpy_(&p.n, &a, d, &kOne, x, &kOne);
+  const i64 c = st.entering;
+  if (c == 0 || c < -(n + p.mi) || c > n + p.mi) return 1;
+  acceptEntering(p, Q, ldq, R, ldr, scratch, list, IRE, kact, st, channel);
+  return 0;
+}
+
 }  // namespace
 
 // Sum of infeasibilities at x with the states and negative gradient w.
@@ -480,7 +564,7 @@ void qpInfeasibility(const double* C, const int& ldc, const double* CI, const do
   for (i64 j = 0; j < mi; ++j) {
     if (IRE[n + j] == 1) continue;
     const double* a = C + at(0, j, ldc);
-    const double r = dot(n, a, x) - b[j];
+    const double r = qpDot(n, a, x) - b[j];
     if (full) {
       w[3 * i64{n} + j] = r;
     } else {
@@ -498,7 +582,10 @@ void qpInfeasibility(const double* C, const int& ldc, const double* CI, const do
   }
 }
 
-// Feasible point and working set; see solver.h for the layout of w.
+// Feasible point and working set; see solver.h for the layout of w.  The
+// start (equalities, given states, start vertex) is followed by passes of
+// the descent on the sum of infeasibilities until x is feasible.  The
+// iteration limit n + me + mi is tested after a completed pass only.
 void OPTR01(const double* C, const int& ldc, double* Q, const int& ldq, double* R,
             const int& ldr, const double* CI, const double* CS, const double* b, double* x,
             double* w, int* list, int* IRE, const int& ibnd, const int& n, int& kact,
@@ -513,39 +600,22 @@ void OPTR01(const double* C, const int& ldc, double* Q, const int& ldq, double* 
     status = -5;
     return;
   }
-  int mode = ind;
-  const bool stopAfterFactors = mode > 20;
-  if (mode > 20) mode -= 20;
-  const bool vertex = mode >= 11;
-  if (mode > 10) mode -= 10;
-  const bool readStates = mode == 2 || mode == 4;
-  if (!readStates)
+  const StartMode mode = decodeStartMode(ind);
+  if (!mode.readStates)
     for (i64 i = 0; i < i64{n} + mi; ++i) IRE[i] = 0;
-
   const i64 nn = n;
-  double* scratch = w + nn;      // Householder vector of ANFM01
-  double* reduced = w + 2 * nn;  // right-hand sides and multipliers
   double* res = w + 3 * nn;
-  double* prod = w + 3 * nn + mi;
   for (i64 j = 0; j < mi; ++j) res[j] = 0.0;
 
-  factorEqualities(p, Q, ldq, R, ldr, scratch, list, kcur, channel);
-  if (!solveEqualities(p, Q, ldq, R, ldr, list, kcur, reduced, x)) {
-    status = -1;
+  const int start = startPoint(p, mode, Q, ldq, R, ldr, w, x, list, IRE, kact, kcur, channel);
+  if (start != 0) {
+    status = start < 0 ? start : 0;
     return;
-  }
-  kact = kcur;
-  if (readStates) enterGivenStates(p, Q, ldq, R, ldr, scratch, list, IRE, kact, channel);
-  if (stopAfterFactors) return;
-  if (vertex) {
-    buildStartVertex(p, Q, ldq, R, ldr, scratch, list, IRE, kact, x, channel);
-    moveToVertex(p, Q, ldq, R, ldr, list, kact, kcur, reduced, x);
   }
 
   const i64 limit = nn + me + mi;
   i64 iterations = 0;
   Search st;
-  int* bp = list + kact;  // breakpoints behind the working set
   for (;;) {
     double sum = 0.0;
     int found = 0;
@@ -553,42 +623,15 @@ void OPTR01(const double* C, const int& ldc, double* Q, const int& ldq, double* 
                     found);
     if (found == 0) return;
     if (kact == kcur) {
-      status = -2;
+      status = -2;  // only equalities to work with, and still infeasible
       return;
     }
     ++iterations;
-    if (descentDirection(p, Q, ldq, R, ldr, kact, kcur, w, st, channel) != 0) {
-      status = -2;
+    const int pass = descentPass(p, Q, ldq, R, ldr, x, w, list, IRE, kact, kcur, st, channel);
+    if (pass != 0) {
+      status = pass < 0 ? pass : 0;
       return;
     }
-    if (st.dropPlace != 0) st.dropped = list[st.dropPlace - 1];
-
-    const double* d = w + nn;
-    const int hit = degenerateHit(p, x, w, prod, IRE);
-    double a = 0.0;
-    if (hit != 0) {
-      ++st.hits;
-      if ((st.dropPlace != 0 && st.hits > kact) ||
-          (hit == st.beforeLastHit && kact == st.dropPlace)) {
-        status = -3;
-        return;
-      }
-      st.beforeLastHit = st.lastHit;
-      st.lastHit = hit;
-      st.entering = hit;
-    } else {
-      st.hits = 0;
-      st.lastHit = 0;
-      st.beforeLastHit = 0;
-      bp = list + kact;
-      const int nb = listBreakpoints(p, x, d, res, prod, IRE, st, bp);
-      a = walk(p, x, d, res, prod, IRE, bp, nb, st);
-    }
-
-    if (a != 0.0) daxpy_(&n, &a, d, &kOne, x, &kOne);
-    const i64 c = st.entering;
-    if (c == 0 || c < -(nn + mi) || c > nn + mi) return;
-    acceptEntering(p, Q, ldq, R, ldr, scratch, list, IRE, kact, st, channel);
     if (iterations > limit) {
       status = -4;
       return;

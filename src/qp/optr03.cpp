@@ -20,13 +20,6 @@ constexpr int kOne = 1;
 constexpr int kDefaultIterationFactor = 14;  // limit 14 (n + me + mi) when none is given
 constexpr int kFeasibleStartMode = 11;       // OPTR01: build the start vertex
 
-// r := x' y over n unit-stride entries; 0 for n < 1.
-double dot(i64 n, const double* x, const double* y) {
-  if (n < 1) return 0.0;
-  const int len = static_cast<int>(n);
-  return ddot_(&len, x, &kOne, y, &kOne);
-}
-
 // The data and the scalars of the loop, shared by its steps.
 struct Loop {
   // data
@@ -240,7 +233,7 @@ int screenDegenerate(Loop& L, double* p) {
   for (i64 j = 0; j < L.mi; ++j) {
     if (L.IRE[n + j] == 1) continue;
     const double* a = L.C + at(0, L.me + j, L.ldc);
-    L.prod[j] = dot(n, a, p);
+    L.prod[j] = qpDot(n, a, p);
     if (L.res[j] >= -t1 && L.prod[j] > t1) {
       dgemv_(&trans, &L.n, &L.nz, &one, Z(L), &L.ldq, a, &kOne, &zero, proj, &kOne, 1);
       if (dnrm2_(&L.nz, proj, &kOne) >= kPrecision09) return static_cast<int>(n + j + 1);
@@ -305,11 +298,11 @@ int addConstraint(Loop& L, int e) {
   return 0;
 }
 
-// One pass from the direction on: direction, screening, ratio test, step
-// and addition.  Returns 0 to go on, or a final status.
-int stepAndUpdate(Loop& L) {
-  const i64 n = L.n;
-  double* p = L.mult;
+// Direction of the pass: qpDirection on Z, T and G, with the normal of the
+// constraint just deleted (G itself for a bound or none).  Its kind for
+// the ratio test follows drop: 1 positive curvature, otherwise 2 null
+// curvature when 1 <= st <= nz, 0 negative curvature.
+void searchDirection(Loop& L, double* p) {
   const double* a = L.G;
   if (L.dropIndex > L.n) a = L.C + at(0, L.me + (L.dropIndex - L.n) - 1, L.ldc);
   qpDirection(Z(L), L.ldq, T(L), L.ldh, L.G, a, L.y, p, L.ipvt, L.scale, L.nz, L.n, L.st,
@@ -319,6 +312,47 @@ int stepAndUpdate(Loop& L) {
   } else {
     L.stepKind = (1 <= L.st && L.st <= L.nz) ? 2 : 0;
   }
+}
+
+// Zero-step bookkeeping, with e the constraint that stops the step: false
+// when the method cycles at a degenerate point, that is when the run of
+// zero steps grows longer than the working set, or when e entered two zero
+// steps ago while the place just dropped is the last of the working set.
+bool countZeroStep(Loop& L, int e) {
+  ++L.zeroSteps;
+  if ((L.zeroSteps > L.kact && L.kact > 0) || (L.beforeLastAdded == e && L.kact == L.dropPos))
+    return false;
+  L.beforeLastAdded = L.lastAdded;
+  L.lastAdded = e;
+  return true;
+}
+
+// A step of non-zero length: the zero-step counters are cleared, the
+// residuals of the inactive rows move with x (unless the rows are frozen
+// out of the step), and x := x + alpha p, a plain addition for the full
+// Newton step.
+void takeStep(Loop& L, const double* p, bool frozen) {
+  const i64 n = L.n;
+  L.zeroSteps = 0;
+  L.lastAdded = 0;
+  L.beforeLastAdded = 0;
+  if (!frozen)
+    for (i64 j = 0; j < L.mi; ++j)
+      if (L.IRE[n + j] == 0) L.res[j] += L.alpha * L.prod[j];
+  if (L.alpha == 1.0) {
+    for (i64 i = 0; i < n; ++i) L.x[i] = L.x[i] + p[i];
+  } else {
+    for (i64 i = 0; i < n; ++i) L.x[i] = L.x[i] + L.alpha * p[i];
+  }
+}
+
+// One pass from the direction on: direction, screening for degeneracy,
+// ratio test, step, and the addition of the blocking constraint.  Returns
+// 0 to go on, or a final status: -1 unbounded, -2 cycling, -15 nothing to
+// add (or -1 from the new factor).
+int stepAndUpdate(Loop& L) {
+  double* p = L.mult;
+  searchDirection(L, p);
 
   // Relaxed rule: while the working set is still OPTR01's, the rows are
   // left out of the step.
@@ -345,24 +379,9 @@ int stepAndUpdate(Loop& L) {
   L.list[L.kact] = entering;
 
   if (zeroStep) {
-    ++L.zeroSteps;
-    if ((L.zeroSteps > L.kact && L.kact > 0) ||
-        (L.beforeLastAdded == entering && L.kact == L.dropPos))
-      return -2;
-    L.beforeLastAdded = L.lastAdded;
-    L.lastAdded = entering;
+    if (!countZeroStep(L, entering)) return -2;
   } else {
-    L.zeroSteps = 0;
-    L.lastAdded = 0;
-    L.beforeLastAdded = 0;
-    if (!frozen)
-      for (i64 j = 0; j < L.mi; ++j)
-        if (L.IRE[n + j] == 0) L.res[j] += L.alpha * L.prod[j];
-    if (L.alpha == 1.0) {
-      for (i64 i = 0; i < n; ++i) L.x[i] = L.x[i] + p[i];
-    } else {
-      for (i64 i = 0; i < n; ++i) L.x[i] = L.x[i] + L.alpha * p[i];
-    }
+    takeStep(L, p, frozen);
   }
 
   if (zeroStep || L.stepKind == 1 || L.stepKind == 3 || L.stepKind == 11) {
@@ -383,9 +402,118 @@ int storeObjective(Loop& L, double* w) {
   return static_cast<int>(pos + 1);
 }
 
+// The start: x := 0 (whatever the caller had there is ignored), OPTR01's
+// feasible point and working set, the row residuals moved from where
+// OPTR01 left them to their place, and the first factor of the reduced
+// Hessian over Z, unless the working set is a vertex.  Returns 0, or the
+// final status: OPTR01's failure less 10, or -1 when the reduced Hessian
+// has no usable curvature at all.
+int startSolve(Loop& L, double* w, int level) {
+  const i64 n = L.n;
+  for (i64 i = 0; i < n; ++i) L.x[i] = 0.0;
+  int s01 = 0;
+  OPTR01(L.C, L.ldc, L.Q, L.ldq, R(L), L.ldh, L.CI, L.CS, L.b, L.x, w, L.list, L.IRE, L.ibnd,
+         L.n, L.kact, L.me, L.kcur, L.mi, s01, level, L.channel, kFeasibleStartMode);
+  if (s01 < 0) return s01 - 10;
+  for (i64 j = 0; j < L.mi; ++j) L.res[j] = w[3 * n + j];
+  L.startSize = L.workingSize = L.kact;
+  if (L.kact == L.n) {
+    L.nz = 0;
+    L.stepKind = 2;
+    L.vertex = true;
+    return 0;
+  }
+  L.nz = L.n - L.kact;
+  L.vertex = false;
+  factorAfresh(L, 0);
+  if (L.st == L.n && L.workingSize == L.startSize) return -1;
+  return 0;
+}
+
+// Opening of a pass.  When the bound that entered in the last pass is the
+// opposite of the one dropped in it, the step ran across the whole
+// interval of the variable and the working set spans the subspace it had
+// before the deletion, on which the point was a minimiser: the pass goes
+// straight to the optimality test (stepKind 2).  The gradient G = H x + g
+// is formed again unless the last step had length zero, and the smallest
+// multiplier starts from the overflow value.
+void openPass(Loop& L, int lastDropped) {
+  if (lastDropped != 0 && L.entered == -lastDropped &&
+      (lastDropped < 0 ? -lastDropped : lastDropped) <= L.n)
+    L.stepKind = 2;
+  L.dropIndex = 0;
+  L.drop = 0;
+  L.entered = 0;
+  if (L.zeroSteps == 0) gradient(L);
+  L.minMult = kOverflow;
+}
+
+// Verdict of the optimality test of a pass.
+enum class Verdict { Step, Optimal, Failed };
+
+// Optimality test, at a point that minimises the objective on the current
+// subspace as far as the last step knows (stepKind >= 2).  The reduced
+// gradient and its relative size come first; the multipliers are formed
+// when it is negligible, or when it has stayed above t2 for exactly three
+// passes, and the constraint with the smallest multiplier leaves the
+// working set when that multiplier is negative or zero.  Optimal when
+// nothing was deleted, no multiplier is below -t1 and the reduced gradient
+// is negligible or stubborn; also at a vertex, which leaves no direction.
+// Failed when a fresh factor after a deletion has no usable curvature.
+Verdict testOptimality(Loop& L) {
+  reducedGradient(L);
+  if (L.relGrad >= kPrecision09) {
+    L.stepMode = 10;
+    ++L.gradCount;
+  } else if (L.gradCount >= 0) {
+    L.gradCount = 0;
+  }
+  bool deleted = false;
+  if (L.kact != 0 && (L.gradCount == 0 || L.gradCount == 3)) {
+    const int s = multipliersAndDeletion(L);
+    if (s == -1) return Verdict::Failed;
+    deleted = s == 10;
+  }
+  if (!deleted && L.stepKind >= 2 && L.minMult >= -kPrecision075 && L.drop == 0 &&
+      (L.relGrad < kPrecision09 || L.gradCount >= 3))
+    return Verdict::Optimal;
+  if (L.nz == 0) return Verdict::Optimal;  // a vertex leaves no direction to take
+  return Verdict::Step;
+}
+
+// Close of a pass: a full working set is a vertex, where the next pass
+// takes no step but tests the multipliers at once.
+void closePass(Loop& L) {
+  if (L.kact == L.n) {
+    L.stepKind = 2;
+    L.nz = 0;
+    L.vertex = true;
+  } else {
+    L.vertex = false;
+  }
+}
+
+// At an optimum: one step of refinement of x against the working set, and
+// the objective behind the multipliers when it is asked for.  The
+// refinement's residuals go behind the multipliers and the place of the
+// objective, its correction to the gradient's place, which the loop no
+// longer needs: so the whole of it, with a full working set, takes
+// 3n + mi + 1 doubles, within what a linear problem's solve has.
+void finishAtOptimum(Loop& L, double* w, int& wantObjective, int& status) {
+  double* e = L.mult + L.kact + 1;
+  qpRefine(L.Q, L.ldq, R(L), L.ldh, L.C, L.ldc, L.b, L.CI, L.CS, L.x, e, L.G, L.list, L.n,
+           L.kact, L.me, L.kcur, L.mi, status);
+  if (wantObjective != 0) wantObjective = storeObjective(L, w);
+}
+
 }  // namespace
 
-// Primal active-set QP iteration; see solver.h.
+// Primal active-set QP iteration; see solver.h.  After the start, each
+// pass opens (gradient), tests optimality at a subspace minimiser (which
+// may delete a constraint), then takes a step along the search direction
+// and adds the constraint that blocks it, until the test finds the point
+// optimal, the step is too long (-3, the objective stored), another
+// failure ends the solve, or the iteration limit is passed (1).
 void OPTR03(const double* C, const int& ldc, double* Q, const int& ldq, double* HR,
             const int& ldh, const double* g, const double* b, const double* CI,
             const double* CS, double* x, double* w, int& wantObjective, int* IRE, int* list,
@@ -413,98 +541,39 @@ void OPTR03(const double* C, const int& ldc, double* Q, const int& ldq, double* 
   L.prod = L.y;
   L.fac = L.mult;
 
-  // ---- start ----
   L.relaxed = true;
   const i64 limit =
       iterations < 1 ? i64{kDefaultIterationFactor} * (nn + me + mi) : i64{iterations};
   iterations = 0;
-  for (i64 i = 0; i < nn; ++i) x[i] = 0.0;
-  int s01 = 0;
-  OPTR01(C, ldc, Q, ldq, R(L), ldh, CI, CS, b, x, w, list, IRE, ibnd, n, L.kact, me, L.kcur, mi,
-         s01, level, channel, kFeasibleStartMode);
+  status = startSolve(L, w, level);
   kact = L.kact;
   kcur = L.kcur;
-  if (s01 < 0) {
-    status = s01 - 10;
-    return;
-  }
-  for (i64 j = 0; j < mi; ++j) L.res[j] = w[3 * nn + j];
-  L.startSize = L.workingSize = L.kact;
-  if (L.kact == n) {
-    L.nz = 0;
-    L.stepKind = 2;
-    L.vertex = true;
-  } else {
-    L.nz = n - L.kact;
-    L.vertex = false;
-    factorAfresh(L, 0);
-    if (L.st == n && L.workingSize == L.startSize) {
-      status = -1;
-      return;
-    }
-  }
+  if (status != 0) return;
 
-  // ---- loop ----
   int lastDropped = 0;
   for (;;) {
-    // 1. the bound that entered was the opposite of the one dropped
-    if (lastDropped != 0 && L.entered == -lastDropped &&
-        (lastDropped < 0 ? -lastDropped : lastDropped) <= n)
-      L.stepKind = 2;
-    L.dropIndex = 0;
-    L.drop = 0;
-    L.entered = 0;
-    // 2. gradient, unless x has stayed where it was
-    if (L.zeroSteps == 0) gradient(L);
-    // 3.
-    L.minMult = kOverflow;
-    bool direction = L.stepKind < 2;
-    if (!direction) {
-      // 5, 6. reduced gradient and its size
-      reducedGradient(L);
-      if (L.relGrad >= kPrecision09) {
-        L.stepMode = 10;
-        ++L.gradCount;
-      } else if (L.gradCount >= 0) {
-        L.gradCount = 0;
-      }
-      // 7, 8. multipliers and deletion
-      if (L.kact != 0 && (L.gradCount == 0 || L.gradCount == 3)) {
-        const int s = multipliersAndDeletion(L);
-        if (s == -1) {
-          status = -1;
-          break;
-        }
-        direction = s == 10;
-      }
-      // 9. stop test
-      if (!direction && L.stepKind >= 2 && L.minMult >= -kPrecision075 && L.drop == 0 &&
-          (L.relGrad < kPrecision09 || L.gradCount >= 3))
+    openPass(L, lastDropped);
+    if (L.stepKind >= 2) {
+      const Verdict v = testOptimality(L);
+      if (v == Verdict::Failed) {
+        status = -1;
         break;
-      if (L.nz == 0) break;  // a vertex leaves no direction to take
+      }
+      if (v == Verdict::Optimal) break;
     }
     lastDropped = L.dropIndex;
-    // 10 - 17. direction, screening, ratio test, step, addition
     const int s = stepAndUpdate(L);
     if (s != 0) {
       status = s;
       break;
     }
-    // 18. a step so long that the problem counts as unbounded
     if (L.stepKind == 11) {
+      // a step so long that the problem counts as unbounded
       wantObjective = storeObjective(L, w);
       status = -3;
       break;
     }
-    // 19.
-    if (L.kact == n) {
-      L.stepKind = 2;
-      L.nz = 0;
-      L.vertex = true;
-    } else {
-      L.vertex = false;
-    }
-    // 20.
+    closePass(L);
     ++iterations;
     if (iterations > limit) {
       status = 1;
@@ -514,15 +583,7 @@ void OPTR03(const double* C, const int& ldc, double* Q, const int& ldq, double* 
   kact = L.kact;
   kcur = L.kcur;
   if (status != 0) return;
-
-  // The refinement's residuals go behind the multipliers and the place of
-  // the objective, its correction to the gradient's place, which the loop
-  // no longer needs: so the whole of it, with a full working set, takes
-  // 3n + mi + 1 doubles, within what a linear problem's solve has.
-  double* e = L.mult + L.kact + 1;
-  qpRefine(Q, ldq, R(L), ldh, C, ldc, b, CI, CS, x, e, L.G, list, n, L.kact, me, L.kcur, mi,
-           status);
-  if (wantObjective != 0) wantObjective = storeObjective(L, w);
+  finishAtOptimum(L, w, wantObjective, status);
 }
 
 }  // namespace lumbra::qp

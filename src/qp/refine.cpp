@@ -17,13 +17,6 @@ constexpr double kZero = 0.0;
 constexpr double kHalf = 0.5;
 constexpr double kViolationStart = -1e30;  // below any violation that counts
 
-// r := x' y over n entries with unit strides; 0 for n < 1.
-double dot(i64 n, const double* x, const double* y) {
-  if (n < 1) return 0.0;
-  const int len = static_cast<int>(n);
-  return ddot_(&len, x, &kOne, y, &kOne);
-}
-
 }  // namespace
 
 // Largest |v(i)|, through the BLAS index of the largest magnitude.
@@ -39,12 +32,12 @@ void qpViolation(const int& n, const double* x, const int& me, const int& mi, co
                  const double* b, const double* CI, const double* CS, double& v) {
   v = kViolationStart;
   for (i64 j = 0; j < me; ++j) {
-    const double e = dot(n, C + at(0, j, n), x) - b[j];
+    const double e = qpDot(n, C + at(0, j, n), x) - b[j];
     // An equality counts only when it falls short: -e above the present v.
     if (-e > v) v = std::fabs(e);
   }
   for (i64 j = me; j < i64{me} + mi; ++j) {
-    const double e = dot(n, C + at(0, j, n), x) - b[j];
+    const double e = qpDot(n, C + at(0, j, n), x) - b[j];
     if (e > v) v = e;
   }
   for (i64 i = 0; i < n; ++i) {
@@ -62,12 +55,12 @@ double qpObjective(const double* H, const int& ldh, const double* g, const doubl
   for (i64 i = 0; i < n; ++i) {
     const int lenRow = static_cast<int>(i + 1);
     const double s1 = ddot_(&lenRow, H + at(i, 0, ldh), &ldh, x, &kOne);
-    const double s2 = dot(n - i - 1, H + at(i + 1, i, ldh), x + i + 1);
+    const double s2 = qpDot(n - i - 1, H + at(i + 1, i, ldh), x + i + 1);
     work[i] = s1 + s2;
   }
   if (n >= 1) dscal_(&n, &kHalf, work, &kOne);
   for (i64 i = 0; i < n; ++i) work[i] = work[i] + g[i];
-  double f = dot(n, x, work);
+  double f = qpDot(n, x, work);
   if (scale != 1.0) f = f * scale;
   return f;
 }
@@ -89,7 +82,7 @@ void qpRefine(const double* Q, const int& ldq, const double* R, const int& ldr,
         return;
       }
       rhs = b[c - 1];
-      e[j] = rhs - dot(n, C + at(0, c - 1, ldc), x);
+      e[j] = rhs - qpDot(n, C + at(0, c - 1, ldc), x);
     } else if (c >= 1 && c <= n) {
       rhs = CS[c - 1];
       e[j] = rhs - x[c - 1];
@@ -99,7 +92,7 @@ void qpRefine(const double* Q, const int& ldq, const double* R, const int& ldr,
     } else {
       const i64 row = me + (c - n) - 1;
       rhs = b[row];
-      e[j] = rhs - dot(n, C + at(0, row, ldc), x);
+      e[j] = rhs - qpDot(n, C + at(0, row, ldc), x);
     }
     if (std::fabs(e[j]) / (std::fabs(rhs) + 1.0) > kPrecision075) refine = true;
   }

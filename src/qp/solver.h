@@ -42,6 +42,7 @@
 // n >= 3 and mi >= 1) can give.
 #pragma once
 #include "kernels/index.h"
+#include "qp/products.h"
 
 namespace lumbra::qp {
 
@@ -60,6 +61,12 @@ constexpr i64 kLinearWork(i64 n, i64 mi) {
   const i64 c = 3 * n + mi + 1;
   const i64 ab = a > b ? a : b;
   return ab > c ? ab : c;
+}
+
+// x' y over n unit-stride entries, the BLAS DDOT; 0.0 for n < 1.  The one
+// plain inner product of the routines above the factors.
+inline double qpDot(i64 n, const double* x, const double* y) {
+  return qpBlasDot(n, x, 1, y, 1);
 }
 
 // ---- feasible point search -------------------------------------------------
