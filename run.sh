@@ -133,12 +133,29 @@ stage_tsan() {
     run_ctest build-tsan -R 'Concurren'
 }
 
-# The fuzz targets: the committed corpus on both BLAS, then each target for
-# a bounded time from a working copy of its corpus.  Any crash, sanitizer
-# report, broken invariant, leak or per-input timeout fails the stage; its
-# input lands in build-fuzz/findings/.
+# Replays each input a fuzz target saved (up to 40) and prints how many
+# broke which invariant or set off which sanitizer, with the first engine
+# routine on the stack.
+classify_findings() {  # classify_findings TARGET ARTIFACT_PREFIX
+  local target=$1 prefix=$2 f
+  for f in $(ls "$prefix"* 2>/dev/null | head -n 40); do
+    timeout 60 "$target" -timeout=10 "$f" 2>&1 | awk '
+      /fuzz invariant broken/ && !what { sub(/^.*fuzz invariant broken in /, ""); what = $0 }
+      /ERROR: (Address|Leak)Sanitizer|runtime error:/ && !what { sub(/^==[0-9]+==ERROR: /, ""); sub(/ on address.*/, ""); what = $0 }
+      /ERROR: libFuzzer: timeout/ && !what { what = "timeout (an input ran over 10 s)" }
+      / in lumbra::/ && !/ in lumbra::fuzz::/ && what && !where { sub(/^.* in lumbra::/, ""); sub(/\(.*/, ""); where = $0 }
+      END { if (!what) what = "crash"; print what (where ? " [" where "]" : "") }'
+  done | sort | uniq -c | sort -rn
+}
+
+# The fuzz targets: every input of the committed corpus on both BLAS, then
+# each target for a bounded time from a working copy of its corpus, going on
+# past a finding (fork mode) so that one run reports all it can find.  Any
+# crash, sanitizer report, broken invariant, leak or per-input timeout fails
+# the stage; the inputs land in build-fuzz/findings/, the logs in
+# build-fuzz/logs/.
 stage_fuzz() {
-  local seconds=${LUMBRA_FUZZ_SECONDS:-60} dir=build-fuzz failed=0 found=()
+  local seconds=${LUMBRA_FUZZ_SECONDS:-60} dir=build-fuzz failed=0 found=() n
   mkdir -p "$dir"
   configure "$dir" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DLUMBRA_FUZZ=ON -DLUMBRA_BUILD_TESTS=OFF &&
@@ -146,20 +163,24 @@ stage_fuzz() {
     { stage_note="build failed"; return 1; }
   run_ctest "$dir" || failed=1
   local corpus_note=$stage_note
+  rm -rf "$dir/findings"
   mkdir -p "$dir/findings" "$dir/logs"
   for family in alloc modeling analysis simul; do
     mkdir -p "$dir/corpus/$family"
     echo "fuzzing $family for ${seconds}s"
-    if ! "$dir/tests/fuzz/fuzz_$family" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-        -artifact_prefix="$dir/findings/$family-" -print_final_stats=1 \
-        "$dir/corpus/$family" "tests/fuzz/corpus/$family" >"$dir/logs/$family.log" 2>&1; then
-      tail -n 40 "$dir/logs/$family.log"
-      found+=("$family")
+    "$dir/tests/fuzz/fuzz_$family" -fork=1 -ignore_crashes=1 -ignore_timeouts=1 -ignore_ooms=1 \
+      -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+      -artifact_prefix="$dir/findings/$family-" \
+      "$dir/corpus/$family" "tests/fuzz/corpus/$family" >"$dir/logs/$family.log" 2>&1
+    n=$(find "$dir/findings" -name "$family-*" | wc -l)
+    if [ "$n" -gt 0 ] || ! grep -q "INFO: exiting: 0" "$dir/logs/$family.log"; then
+      classify_findings "$dir/tests/fuzz/fuzz_$family" "$dir/findings/$family-"
+      found+=("$family:$n")
       failed=1
     fi
   done
   stage_note="corpus: $corpus_note; fuzzing ${seconds}s per target: "
-  if [ ${#found[@]} -eq 0 ]; then stage_note+="no finding"; else stage_note+="findings in ${found[*]}"; fi
+  if [ ${#found[@]} -eq 0 ]; then stage_note+="no finding"; else stage_note+="findings ${found[*]}"; fi
   return "$failed"
 }
 

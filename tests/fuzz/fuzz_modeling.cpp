@@ -31,7 +31,10 @@ void fuzzReturns(Input& in, bool logarithmic) {
   Array prices = readArray(in, pos(nObs) * pos(nSeries), nullAt == 0);
   int lag = in.size(-1, 11);
   const Array given = prices;
-  std::vector<double> result(pos(pos(nSeries) * (pos(nObs) - lag)), 1.0);
+  // The export clears nSeries * (nObs - lag) doubles whatever the lag, and
+  // nothing when either factor is negative: the array is sized the same way.
+  const long rows = static_cast<long>(nObs) - lag;
+  std::vector<double> result(nSeries >= 0 && rows >= 0 ? nSeries * rows : 0, 1.0);
   int status = -7777;
   double* out = result.empty() ? Array{}.data() : result.data();
   const int ret = logarithmic ? ORXmodelingLogReturns(&nObs, &nSeries, prices.data(), &lag, out, &status)
