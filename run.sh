@@ -133,12 +133,12 @@ stage_tsan() {
     run_ctest build-tsan -R 'Concurren'
 }
 
-# Replays each input a fuzz target saved (up to 40) and prints how many
+# Replays each input a fuzz target saved (up to 20) and prints how many
 # broke which invariant or set off which sanitizer, with the first engine
 # routine on the stack.
 classify_findings() {  # classify_findings TARGET ARTIFACT_PREFIX
   local target=$1 prefix=$2 f
-  for f in $(ls "$prefix"* 2>/dev/null | head -n 40); do
+  for f in $(ls "$prefix"* 2>/dev/null | head -n 20); do
     timeout 60 "$target" -timeout=10 "$f" 2>&1 | awk '
       /fuzz invariant broken/ && !what { sub(/^.*fuzz invariant broken in /, ""); what = $0 }
       /ERROR: (Address|Leak)Sanitizer|runtime error:/ && !what { sub(/^==[0-9]+==ERROR: /, ""); sub(/ on address.*/, ""); what = $0 }
