@@ -19,7 +19,8 @@ jobs=$(nproc 2>/dev/null || echo 2)
 build_packages=(cmake make g++ pkg-config libblas-dev liblapack-dev libblas3 liblapack3
                 libopenblas0-serial)
 test_packages=(googletest libgtest-dev python3 python3-numpy python3-scipy python3-cvxopt
-               clang-14 libclang-rt-14-dev)
+               python3-pandas python3-matplotlib python3-pytest python3-setuptools
+               python3-statsmodels clang-14 libclang-rt-14-dev)
 reference_path=/usr/lib/x86_64-linux-gnu/blas:/usr/lib/x86_64-linux-gnu/lapack
 multiarch=x86_64-linux-gnu
 
@@ -190,7 +191,7 @@ run_tests() {
   ensure_packages "${build_packages[@]}" "${test_packages[@]}"
   use_openblas
   export OPENBLAS_NUM_THREADS=1
-  local summary=() failed=0 start rc
+  local summary=() failed=0 passed=0 start rc
   for s in "${stages[@]}"; do
     declare -F "stage_$s" >/dev/null || { echo "unknown stage: $s" >&2; exit 2; }
     echo "== stage $s"
@@ -199,12 +200,13 @@ run_tests() {
     "stage_$s"
     rc=$?
     local verdict=passed
-    [ "$rc" -eq 0 ] || { verdict=FAILED; failed=1; }
+    if [ "$rc" -eq 0 ]; then passed=$((passed + 1)); else verdict=FAILED; failed=$((failed + 1)); fi
     summary+=("$(printf '%-10s %-7s %4ds  %s' "$s" "$verdict" $((SECONDS - start)) "$stage_note")")
   done
   echo "== summary"
   printf '%s\n' "${summary[@]}"
-  return "$failed"
+  echo "stages: $passed passed, $failed failed"
+  [ "$failed" -eq 0 ]
 }
 
 case "${1:-}" in
