@@ -472,6 +472,23 @@ TEST(Minimiser, BadCalls) {
     EXPECT_EQ(nsim, c.nsim);
     EXPECT_EQ(gCalls, 0);
   }
+  // A warm start on arrays that no run has left.
+  {
+    const Objective f2 = [](const double* x, double* g) {
+      g[0] = x[0];
+      g[1] = x[1];
+      return 0.5 * (x[0] * x[0] + x[1] * x[1]);
+    };
+    const Vec lo(2, -1.0), hi(2, 1.0);
+    Outcome blank;
+    blank.iz = {1, 1, 0, 0, 2};  // position not a permutation
+    blank.rz.assign(11, 0.0);
+    Options o;
+    o.mode = 4;
+    EXPECT_EQ(minimise(f2, {0.5, 0.5}, lo, hi, o, &blank).mode, 2);
+    blank.iz = {1, 2, 0, -1, 2};  // a held variable among the free positions
+    EXPECT_EQ(minimise(f2, {0.5, 0.5}, lo, hi, o, &blank).mode, 2);
+  }
 
   // NaN from the second evaluation on, in a box and without bounds.
   for (double bound : {2.0, 1e20}) {
