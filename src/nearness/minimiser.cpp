@@ -354,6 +354,24 @@ double schurComplement(const double* hess, i64 n, i64 r, i64 q, double* work, do
   return qq - sum;
 }
 
+// A warm start needs the arrays of an earlier run: nfree in 0..n, position
+// a permutation of 1..n, active in {-1, 0, 1} and 0 exactly for the
+// positions 1..nfree.  marks: n doubles of work.
+bool warmArraysConsistent(i64 n, const int* iz, double* marks) {
+  const int* position = iz;
+  const int* active = iz + n;
+  const i64 nfree = iz[2 * n];
+  if (nfree < 0 || nfree > n) return false;
+  std::fill(marks, marks + n, 0.0);
+  for (i64 i = 0; i < n; ++i) {
+    const i64 p = position[i];
+    if (p < 1 || p > n || marks[p - 1] != 0.0 || active[i] < -1 || active[i] > 1) return false;
+    if ((active[i] == 0) != (p <= nfree)) return false;
+    marks[p - 1] = 1.0;
+  }
+  return true;
+}
+
 }  // namespace
 
 // Simple form: the largest |g(i)| dxmin(i) over the active variables whose
@@ -413,7 +431,8 @@ void n2qn1Iterate(MinimiserState& s) {
   finishRun(s);
 }
 
-// Entry: checks (mode 2 on a bad call), epsabs scaled by the root mean
+// Entry: checks (mode 2 on a bad call, and on a warm start whose integer
+// arrays are not those of an earlier run), epsabs scaled by the root mean
 // square of dxmin, work arrays carved from iz and rz, the run, end values.
 void n2qn1(Simulator simul, const int& n, double* x, double& f, double* g, const double* dxmin,
            const double& df1, double& epsabs, const int& imp, const int& io, int& mode,
@@ -433,9 +452,13 @@ void n2qn1(Simulator simul, const int& n, double* x, double& f, double* g, const
       return;
     }
   }
+  const i64 nn = n;
+  if (mode == 4 && !warmArraysConsistent(nn, iz, rz + nn * (nn + 1) / 2)) {
+    mode = 2;
+    return;
+  }
   double sum = 0.0;
   for (i64 i = 0; i < n; ++i) sum += dxmin[i] * dxmin[i];
-  const i64 nn = n;
   MinimiserState s{};
   s.simul = simul;
   s.n = n;

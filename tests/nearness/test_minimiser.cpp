@@ -29,10 +29,13 @@ using IVec = std::vector<int>;
 using Objective = std::function<double(const double* x, double* g)>;
 const Objective* gObjective = nullptr;
 int gCalls = 0;
+bool gStop = false;  // set by an objective: this evaluation asks to stop
 
-void simulator(int&, const int&, const double* x, double& f, double* g, int*, double*) {
+void simulator(int& indic, const int&, const double* x, double& f, double* g, int*, double*) {
   ++gCalls;
+  gStop = false;
   f = (*gObjective)(x, g);
+  if (gStop) indic = 0;
 }
 
 struct Options {
@@ -153,8 +156,9 @@ Vec boxQuadraticMinimiser(const Vec& A, const Vec& b, const Vec& lo, const Vec& 
   return {};
 }
 
-// A random strictly convex quadratic, condition below about 50.
-void randomQuadratic(i64 n, std::mt19937_64& rng, Vec& A, Vec& b) {
+// A random strictly convex quadratic B diag(scale, 1, ..) B' / n + 0.3 I:
+// condition below about 50 with scale 1.
+void randomQuadratic(i64 n, std::mt19937_64& rng, Vec& A, Vec& b, double scale = 1.0) {
   std::uniform_real_distribution<double> u(-1.0, 1.0);
   Vec B(n * n);
   for (double& e : B) e = u(rng);
@@ -164,7 +168,7 @@ void randomQuadratic(i64 n, std::mt19937_64& rng, Vec& A, Vec& b) {
     b[i] = 2.0 * u(rng);
     for (i64 j = 0; j < n; ++j) {
       double v = i == j ? 0.3 : 0.0;
-      for (i64 k = 0; k < n; ++k) v += B[at(i, k, n)] * B[at(j, k, n)] / n;
+      for (i64 k = 0; k < n; ++k) v += B[at(i, k, n)] * B[at(j, k, n)] * (k ? 1.0 : scale) / n;
       A[at(i, j, n)] = v;
     }
   }
@@ -215,6 +219,35 @@ TEST(Minimiser, ConvexQuadraticsWithActiveBounds) {
     }
   }
   EXPECT_GT(withActive, 10);
+}
+
+// Ill-conditioned quadratics (one eigenvalue up to about 1000 times the
+// others) from starts on lower bounds: bounds are met early and released
+// later while a descent direction exists, by the predicted gain.  The
+// minimiser is held to 1e-5: the smallest eigenvalue is at least 0.3 and
+// the final free gradient is about 1e-7, or at the rounding level of f
+// when the line search ends the run (mode 6).
+TEST(Minimiser, IllConditionedQuadraticsReleaseBounds) {
+  std::mt19937_64 rng(1);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  int converged = 0;
+  for (int rep = 0; rep < 40; ++rep) {
+    const i64 n = 2 + rep % 5;
+    Vec A, b;
+    randomQuadratic(n, rng, A, b, std::pow(10.0, 2.0 + u(rng)));
+    Vec lo(n), hi(n), x0(n);
+    for (i64 i = 0; i < n; ++i) {
+      lo[i] = -0.3 + 0.2 * u(rng);
+      hi[i] = 0.3 + 0.2 * u(rng);
+      x0[i] = rng() % 2 ? lo[i] + 0.5 * (hi[i] - lo[i]) * (1.0 + u(rng)) : lo[i];
+    }
+    const Vec xStar = boxQuadraticMinimiser(A, b, lo, hi);
+    const Outcome r = minimise(quadratic(A, b), x0, lo, hi, Options{});
+    EXPECT_TRUE(r.mode == 1 || r.mode == 6) << "rep " << rep << " mode " << r.mode;
+    converged += r.mode == 1;
+    for (i64 i = 0; i < n; ++i) EXPECT_NEAR(r.x[i], xStar[i], 1e-5) << "rep " << rep;
+  }
+  EXPECT_GE(converged, 30);
 }
 
 // Rosenbrock's function, free in a wide box and cut by a bound through its
@@ -322,6 +355,36 @@ TEST(Minimiser, TieGoesToTheLargestIndex) {
   EXPECT_BITEQ(0.0, r.epsabs);
 }
 
+// Bounds met on the way and released again: f = 0.5 x'Ax with A =
+// [1 -0.95; -0.95 1] has its minimiser 0 inside the box, but the first
+// steps from (0.5, -0.9) run into x(0) = -0.1, where the reduced minimiser
+// leaves a gradient pointing back into the box.  Likewise in eight
+// variables coupled in a chain.
+TEST(Minimiser, ReleasesBoundsWhoseMultiplierTurns) {
+  {
+    const Vec A = {1.0, -0.95, -0.95, 1.0};
+    const Outcome r =
+        minimise(quadratic(A, {0.0, 0.0}), {0.5, -0.9}, {-0.1, -1.0}, {1.0, 1.0}, Options{});
+    EXPECT_EQ(r.mode, 1);
+    EXPECT_EQ(r.iz[4], 2);
+    EXPECT_NEAR(r.x[0], 0.0, 1e-6);
+    EXPECT_NEAR(r.x[1], 0.0, 1e-6);
+  }
+  const i64 n = 8;
+  Vec A(n * n, 0.0), b(n, 0.0);
+  for (i64 i = 0; i < n; ++i) {
+    A[at(i, i, n)] = 1.0;
+    if (i + 1 < n) A[at(i, i + 1, n)] = A[at(i + 1, i, n)] = -0.45;
+    b[i] = 0.05 * static_cast<double>(i % 3);
+  }
+  Vec lo(n, -0.05), hi(n, 1.0), x0(n);
+  for (i64 i = 0; i < n; ++i) x0[i] = i % 2 ? 0.9 : -0.05;
+  const Vec xStar = boxQuadraticMinimiser(A, b, lo, hi);
+  const Outcome r = minimise(quadratic(A, b), x0, lo, hi, Options{});
+  EXPECT_EQ(r.mode, 1);
+  for (i64 i = 0; i < n; ++i) EXPECT_NEAR(r.x[i], xStar[i], 1e-6);
+}
+
 // A stationary start ends at once: mode 1, one iteration, the caller's
 // evaluation only.  With all variables held and the gradient pushing out
 // the simple release test decides the same.
@@ -351,6 +414,27 @@ TEST(Minimiser, StationaryStart) {
   EXPECT_EQ(r.iz[2], 1);
   EXPECT_EQ(r.iz[3], -1);
   EXPECT_EQ(r.iz[4], 0);
+
+  // From a given matrix (mode 2) a variable within resolution of a bound is
+  // held whatever its gradient; stationary in the other variable, the
+  // simple test releases it at once, and the exact Hessian I reaches the
+  // minimiser (0.5, -0.25) in one step.
+  const Objective unit = [](const double* x, double* g) {
+    g[0] = x[0] - 0.5;
+    g[1] = x[1] + 0.25;
+    return 0.5 * (g[0] * g[0] + g[1] * g[1]);
+  };
+  Outcome given;
+  given.rz = {1.0, 0.0, 1.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+  given.iz.assign(5, 0);
+  Options o;
+  o.mode = 2;
+  r = minimise(unit, {1.0, -0.25}, {-1.0, -1.0}, {1.0, 1.0}, o, &given);
+  EXPECT_EQ(r.mode, 1);
+  EXPECT_EQ(r.calls, 1);
+  EXPECT_EQ(r.iz[4], 2);
+  EXPECT_BITEQ(0.5, r.x[0]);
+  EXPECT_BITEQ(-0.25, r.x[1]);
 }
 
 // The limits: iter = 1 does one whole iteration and returns mode 4 with
@@ -382,6 +466,16 @@ TEST(Minimiser, Limits) {
   EXPECT_BITEQ(rosen(r.x.data(), g.data()), r.f);
   EXPECT_BITEQ(g[0], r.g[0]);
   EXPECT_BITEQ(g[1], r.g[1]);
+
+  // A simulator that asks to stop on its third call: mode 0 at that point.
+  const Objective stopping = [&rosen](const double* x, double* g) {
+    if (gCalls == 3) gStop = true;
+    return rosen(x, g);
+  };
+  r = minimise(stopping, {-1.2, 1.0}, lo, hi, Options{});
+  EXPECT_EQ(r.mode, 0);
+  EXPECT_EQ(r.calls, 3);
+  EXPECT_EQ(r.nsim, 4);
 }
 
 // A warm start continues with the arrays of the previous run and reaches
@@ -471,6 +565,23 @@ TEST(Minimiser, BadCalls) {
     EXPECT_EQ(iter, c.iter);
     EXPECT_EQ(nsim, c.nsim);
     EXPECT_EQ(gCalls, 0);
+  }
+  // A warm start on arrays that no run has left.
+  {
+    const Objective f2 = [](const double* x, double* g) {
+      g[0] = x[0];
+      g[1] = x[1];
+      return 0.5 * (x[0] * x[0] + x[1] * x[1]);
+    };
+    const Vec lo(2, -1.0), hi(2, 1.0);
+    Outcome blank;
+    blank.iz = {1, 1, 0, 0, 2};  // position not a permutation
+    blank.rz.assign(11, 0.0);
+    Options o;
+    o.mode = 4;
+    EXPECT_EQ(minimise(f2, {0.5, 0.5}, lo, hi, o, &blank).mode, 2);
+    blank.iz = {1, 2, 0, -1, 2};  // a held variable among the free positions
+    EXPECT_EQ(minimise(f2, {0.5, 0.5}, lo, hi, o, &blank).mode, 2);
   }
 
   // NaN from the second evaluation on, in a box and without bounds.
