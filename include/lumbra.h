@@ -114,6 +114,9 @@ LUMBRA_API int ORXmodelingCorr(int* nObs, int* nAssets, double* returns,
  * eigen-decomposition of order n.  *tolerance bounds the root mean square
  * of the constraint residuals at the end, times the number of multipliers
  * M = nEq + 2 nIneq: the run stops when rms(residual) <= M * tolerance.
+ * Residuals much below 1e-8 (times the scale of the data) are beyond the
+ * reach of double precision: the line search runs out of digits first and
+ * the run ends with 1106, its result still good to that level.
  * Eigenvalues below 1e-30 are raised to it.  Every equality and inequality
  * is then checked on the result with trace(A_k X) of the matrices as given,
  * to 1e-5 (single precision).  result holds the solution on every path
@@ -154,7 +157,8 @@ LUMBRA_API int ORXmodelingSDLS(int* n, double* target, int* nEq, double* eqMatri
  * X = (1 - s) Y + s I so that Y is a correlation matrix without floor.
  * *tolerance bounds the diagonal: the run stops when the root mean square
  * of X(i,i) - 1 is at most n * tolerance (so n = 100 and tolerance 1e-10
- * give diagonal errors of about 1e-8).  The diagonal is not reset to 1
+ * give diagonal errors of about 1e-8; much below that double precision does
+ * not reach, and the run simply ends where it stalls).  The diagonal is not reset to 1
  * afterwards and not checked: an iteration limit or a loose tolerance also
  * ends with status 0.
  * Statuses: 0 done; -2001 eigenFloor above 0.999999999999999 (the engine's
