@@ -457,6 +457,27 @@ TEST(Minimiser, Limits) {
   EXPECT_GE(r.calls, 1);
   EXPECT_LT(r.f, 24.2);  // f(-1.2, 1)
 
+  // The first iteration on f = 2 x^2 from x = 1, exact in dyadic numbers:
+  // diagonal start D = 0.5 (g dxmin)^2 / df1 / dxmin^2 = 1 (df1 = 8), the
+  // step -4 overshoots, the cubic gives t = 0.25 and x = 0; the first
+  // scaling multiplies D by y's / (s'Ds t) = 16 / 16 / 0.25 = 4; the BFGS
+  // pair then removes v v' / s'v with v = -g (4 - 16 / 16 = 3) and adds
+  // y y' / (t y's) = 16 / 4, which leaves D = 7.
+  const Objective parabola = [](const double* x, double* g) {
+    g[0] = 4.0 * x[0];
+    return 2.0 * x[0] * x[0];
+  };
+  o = Options{};
+  o.iter = 1;
+  o.df1 = 8.0;
+  o.dxmin = 0.5;
+  r = minimise(parabola, {1.0}, {-10.0}, {10.0}, o);
+  EXPECT_EQ(r.mode, 4);
+  EXPECT_EQ(r.nsim, 3);
+  EXPECT_BITEQ(0.0, r.x[0]);
+  EXPECT_BITEQ(0.0, r.g[0]);
+  EXPECT_BITEQ(7.0, r.rz[0]);
+
   o = Options{};
   o.nsim = 4;
   r = minimise(rosen, {-1.2, 1.0}, lo, hi, o);
