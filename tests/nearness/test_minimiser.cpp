@@ -538,6 +538,32 @@ TEST(Minimiser, WarmStartAndGivenHessian) {
   EXPECT_EQ(r.mode, 1);
   EXPECT_EQ(r.calls, 1);
 
+  // A warm start whose H is indefinite across the bound: variable 1 free
+  // (D = 1), variable 2 held at its upper bound with H(1,2) = 2, H(2,2) = 1.
+  // Stationary in variable 1, the simple test releases variable 2, whose
+  // Schur complement 1 - 2^2 / 1 is negative: mode 7, nothing moved.
+  {
+    const Objective f2 = [](const double* x, double* g) {
+      g[0] = x[0];
+      g[1] = x[1] - 0.5;
+      return 0.5 * (x[0] * x[0] + g[1] * g[1]);
+    };
+    Outcome bad;
+    bad.iz = {1, 2, 0, 1, 1};
+    bad.rz.assign(11, 0.0);
+    bad.rz[0] = 1.0;  // T: D(0)
+    bad.rz[1] = 2.0;  // R: H(0, 1)
+    bad.rz[2] = 1.0;  // Q: H(1, 1)
+    Options w;
+    w.mode = 4;
+    const Outcome r7 = minimise(f2, {0.0, 1.0}, {-1.0, -1.0}, {1.0, 1.0}, w, &bad);
+    EXPECT_EQ(r7.mode, 7);
+    EXPECT_EQ(r7.iter, 1);
+    EXPECT_EQ(r7.calls, 0);
+    EXPECT_BITEQ(0.0, r7.x[0]);
+    EXPECT_BITEQ(1.0, r7.x[1]);
+  }
+
   // An indefinite matrix is replaced by the diagonal start.
   for (double& e : given.rz) e = 0.0;
   given.rz[factorAt(0, 0, 4)] = -1.0;
