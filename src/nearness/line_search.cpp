@@ -154,7 +154,9 @@ void nlis0(const int& n, Simulator simul, ScalarProduct prosca, double* x, doubl
       prosca(n, d, g, fpn, izs, rzs, dzs);
       const double df = fn - f;
       const double tried = t;
-      if (df > t * m1) {
+      // Descent test: f(t) - f <= t m1.  A value that is not a number
+      // fails it, so such a point becomes an upper end and is never kept.
+      if (!(df <= t * m1)) {
         logic = 0;
         b.td = t;
         b.indicd = indic;

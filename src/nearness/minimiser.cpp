@@ -193,7 +193,7 @@ void largestStep(const MinimiserState& s, double& tmax, int& idx, int& sign) {
   }
 }
 
-// Steps 3 to 5 of an iteration: direction, release of a bound, largest step
+// The first half of an iteration: direction, release of a bound, largest step
 // and activation of a bound within resolution, repeated until a line
 // search can start.  False when the run ends here (mode 1 or 7).
 bool prepareStep(MinimiserState& s, double& fp, double& tmax) {

@@ -107,7 +107,8 @@ constexpr double kDescentConstant = 1e-4;   // amf
 // 4 nap went past napmax; 5 the simulator asked to stop; 6 bad call or no
 // further progress; negative: no progress after the simulator refused a
 // point (its indic).  x and f move together; g holds the gradient of the
-// last point evaluated.  xn: n doubles of work (the trial point).
+// last point evaluated.  A value that is not a number fails the descent
+// test, so it is never accepted.  xn: n doubles of work (the trial point).
 void nlis0(const int& n, Simulator simul, ScalarProduct prosca, double* x, double& f,
            const double& fp, double& t, double& tmin, const double& tmax, const double* d,
            double* g, const double& amd, const double& amf, const int& imp, const int& io,

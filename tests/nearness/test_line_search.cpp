@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <vector>
 
 #include "nearness/minimiser_internal.h"
@@ -169,6 +170,15 @@ TEST(LineSearch, OutcomesOfTheContract) {
     ASSERT_EQ(gTrials.size(), 3u);
     EXPECT_BITEQ(0.1, gTrials[1]);
     EXPECT_BITEQ(0.1 * 0.1 + 0.9 * 0.0, gTrials[2]);
+  }
+  {
+    // A value that is not a number fails the descent test like a rise.
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const Search r = search({{1, nan, nan}, {1, -0.001, -0.1}}, base);
+    EXPECT_EQ(r.logic, 0);
+    ASSERT_EQ(gTrials.size(), 2u);
+    EXPECT_BITEQ(0.1, gTrials[1]);
+    EXPECT_BITEQ(-0.001, r.f);
   }
   {
     // Refused points until the bracket is below tmin: logic is the last
