@@ -185,6 +185,12 @@ code, status, X = sdls(C, [np.eye(n)], [1.0], [unit(n, 0, 0)], [2.0], [3.0], 1e-
 check(code == 5 and status in (-1109, -1110) and X.any(),
       f"trace 1 with X(0,0) >= 2: {code} {status}")
 
+# A loose tolerance stops the dual at once (residual 0.5 <= 1 * 1.0); the
+# check on the result then reports the missed equality.
+C = matrix(np.diag([4.5, 1.0, 1.0]))
+code, status, X = sdls(C, [unit(3, 0, 0)], [5.0], [], [], [], 1.0, 0.0)
+check(code == 5 and status == -1109 and X[0, 0] == 4.5, f"loose tolerance: {code} {status}")
+
 # Non-finite data fails up front with -1102 and a cleared result; a
 # non-finite value in the ignored triangle of the target is harmless.
 n = 4
