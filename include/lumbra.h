@@ -19,10 +19,6 @@
  * Results are never annualised; value-at-risk figures are return quantiles
  * with their sign (a loss is negative).
  *
- * Status -1 means "engine not available in this build": the export ran its
- * whole frame (tests, clearing, work arrays, layout conversion) but the
- * computation behind it is not part of this release.
- *
  * If the temporary of a layout conversion cannot be obtained, the matrix is
  * rewritten in place without it: the call gives the same result.
  *
@@ -131,19 +127,79 @@ LUMBRA_API int ORXmodelingCov(int* nObs, int* nAssets, double* returns,
 LUMBRA_API int ORXmodelingCorr(int* nObs, int* nAssets, double* returns,
                                double* result, int* status);
 
-/* Nearest symmetric matrix to target[n][n] with eigenvalues >= *eigenFloor
- * under nEq equalities <A_k, X> = eqValues[k] and nIneq inequalities
- * ineqLower[k] <= <B_k, X> <= ineqUpper[k]; the matrices stand side by side
- * in eqMatrices[n][nEq*n] and ineqMatrices[n][nIneq*n].  Tests 301..311
- * (a NaN in ineqLower or ineqUpper fails the scan, 308). */
+/* Nearest symmetric matrix (semi-definite least squares): minimises
+ * ||X - Csym||_F over symmetric X subject to
+ *   trace(sym(A_k) X) = eqValues[k],                 k < nEq,
+ *   ineqLower[k] <= trace(sym(B_k) X) <= ineqUpper[k], k < nIneq,
+ *   all eigenvalues of X >= *eigenFloor,
+ * where Csym is built from the upper triangle of target (the lower triangle
+ * is never read) and sym(A) = (A + A') / 2: constraint matrices need not be
+ * symmetric.  The n by n matrices A_k stand side by side in
+ * eqMatrices[n][nEq*n] (A_k in columns k*n .. k*n+n-1), likewise B_k in
+ * ineqMatrices[n][nIneq*n]; both and target are converted.
+ * Tests: n >= 1 (301); target (302); nEq >= 0 (303); eqMatrices (304);
+ * eqValues (305); nIneq >= 0 (306); ineqMatrices (307); ineqLower (308,
+ * also ineqLower > ineqUpper); ineqUpper (309); tolerance > 0 (310);
+ * eigenFloor >= 0 (311); a NaN in ineqLower or ineqUpper fails the scan (308).  The pointers must be non-null even when the
+ * counts are 0.
+ *
+ * Solved through the dual, one multiplier per equality and per bound, by a
+ * bound-constrained quasi-Newton method; each step costs one symmetric
+ * eigen-decomposition of order n.  *tolerance bounds the root mean square
+ * of the constraint residuals at the end, times the number of multipliers
+ * M = nEq + 2 nIneq: the run stops when rms(residual) <= M * tolerance.
+ * Residuals much below 1e-8 (times the scale of the data) are beyond the
+ * reach of double precision: the line search runs out of digits first and
+ * the run ends with 1106, its result still good to that level.
+ * Eigenvalues below 1e-30 are raised to it.  Every equality and inequality
+ * is then checked on the result with trace(A_k X) of the matrices as given,
+ * to 1e-5 (single precision).  result holds the solution on every path
+ * past the argument tests, failures included, except for non-finite data.
+ * A one-sided inequality takes a finite bound on the open side (a bound
+ * that is not finite is refused, see -1102).
+ *
+ * Statuses (return 6 for the positive ones, 5 for the negative ones):
+ *   0      solved; constraints verified
+ *   1104   iteration limit max(2M, 300) reached; best point returned
+ *   1105   evaluation limit (3 times the iteration limit) reached
+ *   1106   line search could make no more progress (result usable)
+ *  -1101   the dual asked to stop (does not arise)
+ *  -1102   the dual could not be started: a NaN or an infinity in target
+ *          (upper triangle), a constraint matrix, eqValues, the bounds or
+ *          eigenFloor; result stays zero, nothing is computed
+ *  -1103   quasi-Newton update failed
+ *  -1107   factor update failed while a bound was released
+ *  -1108   line search stalled below the resolution of the multipliers
+ *  -1109   an equality misses by more than 1e-5 (inconsistent constraints,
+ *          or too loose a tolerance); result written
+ *  -1110   an inequality is violated by more than 1e-5; result written
+ *  other negative: LAPACK's DSYEVR refused the final eigen-decomposition.
+ * The checks (-1109, -1110) overwrite 1104..1106. */
 LUMBRA_API int ORXmodelingSDLS(int* n, double* target, int* nEq, double* eqMatrices,
                                double* eqValues, int* nIneq, double* ineqMatrices,
                                double* ineqLower, double* ineqUpper,
                                double* tolerance, double* eigenFloor, double* result,
                                int* status);
 
-/* Nearest correlation matrix to target[n][n] with eigenvalues >=
- * *eigenFloor (0 <= floor < 1, 304); tolerance > 0 (303). */
+/* Nearest correlation matrix: minimises ||X - Csym||_F over symmetric X
+ * with unit diagonal and all eigenvalues >= *eigenFloor; Csym from the
+ * upper triangle of target (converted; the lower triangle is never read).
+ * Tests: n >= 1 (301); target (302); tolerance > 0 (303, over 301 and 302);
+ * 0 <= eigenFloor < 1 (304, over all others).
+ *
+ * Solved through the dual, one multiplier per diagonal entry, with
+ * X = (1 - s) Y + s I so that Y is a correlation matrix without floor.
+ * *tolerance bounds the diagonal: the run stops when the root mean square
+ * of X(i,i) - 1 is at most n * tolerance (so n = 100 and tolerance 1e-10
+ * give diagonal errors of about 1e-8; much below that double precision does
+ * not reach, and the run simply ends where it stalls).  The diagonal is not reset to 1
+ * afterwards and not checked: an iteration limit or a loose tolerance also
+ * ends with status 0.
+ * Statuses: 0 done; -2001 eigenFloor above 0.999999999999999 (the engine's
+ * own limit); -1102 a NaN or an infinity in the upper triangle of target,
+ * result stays zero; any other value is LAPACK's DSYEVR INFO from the final
+ * eigen-decomposition (positive: no convergence, the result is still
+ * written). */
 LUMBRA_API int ORXmodelingSDLScorr(int* n, double* target, double* tolerance,
                                    double* eigenFloor, double* result, int* status);
 

@@ -30,5 +30,6 @@ int demoModeling(DemoContext* ctx);   /* returns, covariance, correlation */
 int demoRisk(const DemoContext* ctx);       /* ex-ante and ex-post risk */
 int demoSimulation(const DemoContext* ctx); /* a simulated path */
 int demoFrontier(const DemoContext* ctx);   /* efficient frontier, max Sharpe */
+int demoNearness(const DemoContext* ctx);   /* repairing a stressed correlation */
 
 #endif

@@ -41,6 +41,7 @@ int main(int argc, char** argv) {
   int failed = 0;
   failed |= demoModeling(&ctx) != 0;
   if (!failed) {
+    failed |= demoNearness(&ctx) != 0;
     failed |= demoRisk(&ctx) != 0;
     failed |= demoSimulation(&ctx) != 0;
     failed |= demoFrontier(&ctx) != 0;

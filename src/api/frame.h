@@ -17,8 +17,6 @@ inline constexpr int kReturnFailure = 5;
 inline constexpr int kReturnWarning = 6;
 // Argument k (1-based) failing its test returns kArgBase + k.
 inline constexpr int kArgBase = 300;
-// Engine status of an export whose computation is not part of this build.
-inline constexpr int kStatusNotBuilt = -1;
 
 // ---- checked size arithmetic ----------------------------------------------
 // A size is a non-negative 64-bit count; kSizeInvalid marks one that

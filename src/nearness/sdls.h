@@ -1,0 +1,105 @@
+// Semi-definite least squares through its dual: the routines below the two
+// engine entries of nearness.h, shared by the general solver and the
+// nearest correlation matrix, and visible to the tests and benchmarks.
+#pragma once
+#include "kernels/index.h"
+#include "nearness/minimiser.h"
+
+namespace lumbra::nearness {
+
+// Statuses of the nearness engines.
+inline constexpr int kSdlsSimulatorStop = -1101;   // mode 0
+inline constexpr int kSdlsBadCall = -1102;         // mode 2, and an input not finite
+inline constexpr int kSdlsUpdateFailed = -1103;    // mode 3
+inline constexpr int kSdlsIterationLimit = 1104;   // mode 4
+inline constexpr int kSdlsSimulationLimit = 1105;  // mode 5
+inline constexpr int kSdlsNoProgress = 1106;       // mode 6, dxmin(0) large enough
+inline constexpr int kSdlsReleaseFailed = -1107;   // mode 7
+inline constexpr int kSdlsStalled = -1108;         // mode 6, dxmin(0) below resolution
+inline constexpr int kSdlsEqualityMissed = -1109;
+inline constexpr int kSdlsInequalityMissed = -1110;
+inline constexpr int kSdlsFloorOutOfRange = -2001;
+
+// Shift thresholds: the eigenvalue floor s counts above these (single-
+// precision 1e-15 with equalities alone, and for the correlation matrix;
+// single-precision 1e-30 once inequalities are present).
+inline constexpr double kShiftEqualities = 1.0000000036274937e-15;
+inline constexpr double kShiftInequalities = 1.0000000031710769e-30;
+// Bound on the multipliers: single-precision 1e20 widened.
+inline constexpr double kDualBound = 1.0000000200408773e+20;
+// Tolerance of the final check of each constraint: single-precision 1e-5.
+inline constexpr double kCheckTolerance = 9.999999747378752e-6;
+
+// Real work of one projection (packEigenClip): 3n*n + 27n doubles.
+inline i64 sdlsProjectionWork(i64 n) { return 3 * n * n + 27 * n; }
+
+// Runs n2qn1 on simul from x, cold, with the stopping constants of the
+// nearness solvers; maps its ending to status.  iz: n2qn1's 2nv + 1
+// integers, then the simulator's integers.  rz: dxmin (nv), n2qn1's
+// (nv + 9) nv / 2 doubles, then the simulator's real data.  f and g come
+// back at the final x; iter and nsim with the iterations and simulations
+// used.
+void sdlsDualMinimise(Simulator simul, const int& nv, double* x, const double& tolerance,
+                      const double* binf, const double* bsup, int* iz, double* rz, double& f,
+                      double* g, int& iter, int& nsim, int& status);
+
+// Dual of the problem with equalities alone, z = y (m values).
+// izs: n, eigen status, 12n integers for DSYEVR.
+// dzs: b-hat (m), C-hat (nn), A (m nn), P (nn), w (m), S (nn), projection work.
+void sdlsSimulEqualities(int& indic, const int& m, const double* y, double& f, double* g,
+                         int* izs, double* dzs);
+
+// Dual with inequalities, z = (y, lambda, mu), m + 2p values.
+// izs: n, m, p, eigen status, 12n integers for DSYEVR.
+// dzs: C-hat (nn), A (m nn), b-hat (m), B (p nn), l-hat (p), u-hat (p),
+//      P (nn), w1 (m), w2 (p), w3 (p), S (nn), projection work.
+void sdlsSimulInequalities(int& indic, const int& nv, const double* z, double& f, double* g,
+                           int* izs, double* dzs);
+
+// Dual of the nearest correlation matrix, one multiplier per diagonal entry.
+// izs: eigen status, 12n integers for DSYEVR.
+// dzs: C-hat (nn), P (nn), d (n), S (nn), projection work.
+void sdlsSimulCorr(int& indic, const int& n, const double* y, double& f, double* g, int* izs,
+                   double* dzs);
+
+// P := projection of C-hat + Diag(y) on the semi-definite cone; S is scratch.
+void sdlsProjectCorr(const int& n, const double* y, const double* chat, double* S, int* iwork,
+                     double* work, double* P, int& info);
+
+// S := C-hat + sum_i y(i) A(i) + sum_j (lambda(j) - mu(j)) B(j), packed; z
+// holds y (m), lambda (p), mu (p).
+void sdlsCombine(const int& n, const int& m, const int& p, const double* z, const double* chat,
+                 const double* A, const double* B, double* S);
+
+// The two paths of sdlsSolve: shift, pack, run the dual, rebuild X, verify.
+void sdlsEqualities(const int& n, const double* C, const int& m, const double* Afull,
+                    const double* b, const double& tolerance, const double& s, int* iz,
+                    double* work, double* X, int& status);
+void sdlsInequalities(const int& n, const double* C, const int& m, const double* Afull,
+                      const double* b, const int& p, const double* Bfull, const double* l,
+                      const double* u, const double& tolerance, const double& s, int* iz,
+                      double* work, double* X, int& status);
+
+// Set-up of the dual, the minimisation and the final projection into P.
+// area: the dual's area (z, bounds, gradient, dxmin, n2qn1's work, the
+// simulator's data).
+void sdlsDualEqualities(const int& n, const int& m, const double* bhat, const double* chat,
+                        const double* A, const double& tolerance, int* iz, double* area,
+                        double* P, int& status);
+void sdlsDualInequalities(const int& n, const int& m, const int& p, const double* bhat,
+                          const double* lhat, const double* uhat, const double* chat,
+                          const double* A, const double* B, const double& tolerance, int* iz,
+                          double* area, double* P, int& status);
+
+// Final verification with the caller's matrices as given; T is n*n scratch.
+void sdlsCheckEqualities(const int& n, const int& m, const double* A, const double* b,
+                         const double* X, double* T, int& status);
+void sdlsCheckInequalities(const int& n, const int& p, const double* B, const double* l,
+                           const double* u, const double* X, double* T, int& status);
+
+// True when every element of x(0:count-1) is finite.
+bool sdlsAllFinite(i64 count, const double* x);
+// True when every element of the upper triangle of the n by n matrix C is finite.
+bool sdlsUpperFinite(const int& n, const double* C);
+
+}  // namespace lumbra::nearness
