@@ -1,6 +1,7 @@
 // Sample covariance and correlation.
 #include "stats/covariance.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "kernels/index.h"
@@ -12,7 +13,19 @@ using namespace lumbra::kernels;
 
 namespace {
 constexpr int kStatusBadDimensions = -2;
+// Side of the tiles in which the centring transposes the table.
+constexpr i64 kCentreTile = 32;
+
+// C'(j,i) := X(i,j) - means(j) over the tile i0 <= i < i1, j0 <= j < j1.
+// Moving one tile of 32 by 32 doubles at a time keeps the strided side of
+// the transposition in the first-level cache.
+void centreTile(i64 T, i64 n, const double* X, const double* means, double* C, i64 i0,
+                i64 i1, i64 j0, i64 j1) {
+  for (i64 i = i0; i < i1; ++i)
+    for (i64 j = j0; j < j1; ++j) C[at(j, i, n)] = X[at(i, j, T)] - means[j];
 }
+
+}  // namespace
 
 // 1 / (T - 1) with T - 1 converted to float and divided in float: the
 // estimator carries only a single-precision mantissa in its scale.
@@ -42,8 +55,10 @@ void modelingCovFromCentered(const int& T, const int& n, const double* C, double
 void modelingCovCentered(const int& T, const int& n, const double* X, const double* means,
                          double* C, double* Cov, int& status) {
   status = 0;
-  for (i64 i = 0; i < T; ++i)
-    for (i64 j = 0; j < n; ++j) C[at(j, i, n)] = X[at(i, j, T)] - means[j];
+  for (i64 j0 = 0; j0 < n; j0 += kCentreTile)
+    for (i64 i0 = 0; i0 < T; i0 += kCentreTile)
+      centreTile(T, n, X, means, C, i0, std::min<i64>(T, i0 + kCentreTile), j0,
+                 std::min<i64>(n, j0 + kCentreTile));
   modelingCovFromCentered(T, n, C, Cov, status);
 }
 
