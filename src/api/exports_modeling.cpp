@@ -50,8 +50,14 @@ int returnsExport(ReturnsEngine engine, int* nObs, int* nSeries, double* prices,
 }
 
 // Frame of the covariance and correlation exports: nObs before returns, a
-// bad nAssets replacing either; returns converted, result n by n.
-FrameCall momentsFrame(int* nObs, int* nAssets, double* returns, double* result, int* status) {
+// bad nAssets replacing either; result n by n.  The caller's row-major T by
+// n table is, read as it stands, the column-major n by T matrix X': the
+// layout the engine holds its centred table in.  Converting it to X and
+// back would move every number twice for the engine to transpose it once
+// more, so the engine reads X' directly (with the same sums, bit for bit)
+// and the caller's table is never written.
+FrameCall momentsFrame(int* nObs, int* nAssets, const double* returns, double* result,
+                       int* status) {
   FrameCall call;
   if (*nObs < 2) call.failure = kArgBase + 1;
   else if (returns == nullptr) call.failure = kArgBase + 3;
@@ -59,8 +65,6 @@ FrameCall momentsFrame(int* nObs, int* nAssets, double* returns, double* result,
   call.out = result;
   call.outCount = sizeMul(*nAssets, *nAssets);
   call.status = status;
-  call.in[0] = {returns, *nObs, *nAssets};
-  call.nIn = 1;
   call.outMatrix = result;
   call.outRows = *nAssets;
   call.outCols = *nAssets;
@@ -120,7 +124,8 @@ extern "C" LUMBRA_API int ORXmodelingCov(int* nObs, int* nAssets, double* return
   return runFrame(call, [&](int*, double* work) {
     double* means = work;
     double* centred = work + *nAssets;
-    stats::modelingCovSample(*nObs, *nAssets, returns, means, centred, result, *status);
+    stats::modelingCovSampleTransposed(*nObs, *nAssets, returns, means, centred, result,
+                                       *status);
   });
 }
 
@@ -130,7 +135,7 @@ extern "C" LUMBRA_API int ORXmodelingCorr(int* nObs, int* nAssets, double* retur
   const Size T = *nObs, N = *nAssets;
   call.workSize = (N * (T + N + 2)).value;
   return runFrame(call, [&](int*, double* work) {
-    stats::modelingCorrSample(*nObs, *nAssets, returns, work, result, *status);
+    stats::modelingCorrSampleTransposed(*nObs, *nAssets, returns, work, result, *status);
   });
 }
 
