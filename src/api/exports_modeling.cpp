@@ -33,7 +33,12 @@ int returnsArgumentStatus(int nObs, int nSeries, const double* prices, int lag) 
 using ReturnsEngine = void (*)(const int&, const int&, const double*, const int&, double*,
                                int&);
 
-// The frame of both return exports; they need no work array.
+// The frame of both return exports; they need no work array.  The caller's
+// row-major price and result tables are, read as they stand, the
+// column-major P' and R', on which the engine's transposed routines work
+// directly: every return is an operation on two prices, so converting both
+// tables there and back would only move numbers.  The caller's prices are
+// not written during the call.
 int returnsExport(ReturnsEngine engine, int* nObs, int* nSeries, double* prices, int* lag,
                   double* result, int* status) {
   FrameCall call;
@@ -41,11 +46,6 @@ int returnsExport(ReturnsEngine engine, int* nObs, int* nSeries, double* prices,
   call.out = result;
   call.outCount = sizeMul(*nSeries, i64{*nObs} - *lag);
   call.status = status;
-  call.in[0] = {prices, *nObs, *nSeries};
-  call.nIn = 1;
-  call.outMatrix = result;
-  call.outRows = i64{*nObs} - *lag;
-  call.outCols = *nSeries;
   return runFrame(call, [&](int*, double*) { engine(*nObs, *nSeries, prices, *lag, result, *status); });
 }
 
@@ -108,12 +108,14 @@ using namespace lumbra::api;
 
 extern "C" LUMBRA_API int ORXmodelingReturns(int* nObs, int* nSeries, double* prices, int* lag,
                                              double* result, int* status) {
-  return returnsExport(stats::modelingReturnsSimple, nObs, nSeries, prices, lag, result, status);
+  return returnsExport(stats::modelingReturnsSimpleTransposed, nObs, nSeries, prices, lag,
+                       result, status);
 }
 
 extern "C" LUMBRA_API int ORXmodelingLogReturns(int* nObs, int* nSeries, double* prices,
                                                 int* lag, double* result, int* status) {
-  return returnsExport(stats::modelingReturnsLog, nObs, nSeries, prices, lag, result, status);
+  return returnsExport(stats::modelingReturnsLogTransposed, nObs, nSeries, prices, lag, result,
+                       status);
 }
 
 extern "C" LUMBRA_API int ORXmodelingCov(int* nObs, int* nAssets, double* returns,
