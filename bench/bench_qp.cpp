@@ -109,7 +109,7 @@ void BM_QpDriverMeanVariance(benchmark::State& state) {
     if (s.run(p.cov) != 0) state.SkipWithError("qpDriver failed");
     benchmark::DoNotOptimize(s.x.data());
   }
-  state.counters["iterations"] = s.iterations(p.cov);
+  state.counters["solver_iterations"] = s.iterations(p.cov);
 }
 
 // Writes n, cov (column-major), mu, target and cap of each problem to

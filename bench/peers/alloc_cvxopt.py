@@ -2,7 +2,7 @@
 bench_alloc (minimum variance at a target, tracking error, maximum Sharpe
 ratio through its homogeneous QP in (y, tau)), solved by cvxopt.solvers.qp
 at its default tolerances.  Prints one line per case, time in microseconds
-(fastest of repeated solves):  cvxopt <problem> <n> <microseconds>
+(fastest of repeated solves, process CPU time):  cvxopt <problem> <n> <microseconds>
 
 Usage: alloc_cvxopt.py [directory]  (problems from alloc_problems.py)
 """
@@ -56,9 +56,9 @@ def best_time(fn, budget=1.0, least=3):
     times = []
     start = time.perf_counter()
     while len(times) < least or time.perf_counter() - start < budget:
-        t0 = time.perf_counter()
+        t0 = time.process_time()
         fn()
-        times.append(time.perf_counter() - t0)
+        times.append(time.process_time() - t0)
         if len(times) >= 200:
             break
     return min(times)

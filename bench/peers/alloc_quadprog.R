@@ -50,13 +50,19 @@ qpData <- function(p, kind) {
 }
 
 
+# Process CPU time (user + system), as the other benchmarks take it.
+cpu <- function() {
+  t <- proc.time()
+  t[["user.self"]] + t[["sys.self"]]
+}
+
 # proc.time has a millisecond clock: small problems are timed in batches.
 batchTime <- function(f) {
   reps <- 1
   repeat {
-    t0 <- proc.time()[["elapsed"]]
+    t0 <- cpu()
     for (i in seq_len(reps)) f()
-    el <- proc.time()[["elapsed"]] - t0
+    el <- cpu() - t0
     if (el > 0.2 || reps >= 100000) return(el / reps)
     reps <- reps * 4
   }

@@ -81,8 +81,10 @@ void allocITVerify(const int& n, const double* weights, const double* mu,
                    const double* upper, const double& excess, double* work, int& status);
 
 // The covariance test every allocator runs first: the smallest real part of
-// the eigenvalues of cov against the single-precision 1e-12.  Sets status to
-// -108 and returns false when cov fails it.  Work: 2n^2 + 7n doubles, n
+// the eigenvalues of cov against the single-precision 1e-12.  A Cholesky
+// certificate settles the clearly definite symmetric matrices at a fraction
+// of the cost; the Schur-form test decides all others.  Sets status to -108
+// and returns false when cov fails it.  Work: 2n^2 + 7n doubles, n
 // integers.
 bool allocCovarianceUsable(const int& n, const double* cov, int* iwork, double* work,
                            int& status);

@@ -86,7 +86,9 @@ void solveAllocationQP(const int& n, double* cov, double* c, const int& me, cons
 bool allocCovarianceUsable(const int& n, const double* cov, int* iwork, double* work,
                            int& status) {
   int flag = 0;
-  matPositiveDefiniteCheck(n, cov, iwork, work, flag);
+  bool certified = false;
+  matDefiniteCertificate(n, cov, work, certified);
+  if (!certified) matPositiveDefiniteCheck(n, cov, iwork, work, flag);
   if (flag != 0) status = kStatusNotDefinite;
   return flag == 0;
 }

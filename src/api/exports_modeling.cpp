@@ -38,7 +38,12 @@ int returnsArgumentStatus(int nObs, int nSeries, const double* prices, int lag) 
 using ReturnsEngine = void (*)(const int&, const int&, const double*, const int&, double*,
                                int&);
 
-// The frame of both return exports; they need no work array.
+// The frame of both return exports; they need no work array.  The caller's
+// row-major price and result tables are, read as they stand, the
+// column-major P' and R', on which the engine's transposed routines work
+// directly: every return is an operation on two prices, so converting both
+// tables there and back would only move numbers.  The caller's prices are
+// not written during the call.
 int returnsExport(ReturnsEngine engine, int* nObs, int* nSeries, double* prices, int* lag,
                   double* result, int* status) {
   FrameCall call;
@@ -46,18 +51,19 @@ int returnsExport(ReturnsEngine engine, int* nObs, int* nSeries, double* prices,
   call.out = result;
   call.outCount = sizeMul(*nSeries, i64{*nObs} - *lag);
   call.status = status;
-  call.in[0] = {prices, *nObs, *nSeries};
-  call.nIn = 1;
-  call.outMatrix = result;
-  call.outRows = i64{*nObs} - *lag;
-  call.outCols = *nSeries;
   call.notFinite = stats::kStatusUnusableReturn;
   return runFrame(call, [&](int*, double*) { engine(*nObs, *nSeries, prices, *lag, result, *status); });
 }
 
 // Frame of the covariance and correlation exports: nObs before returns, a
-// bad nAssets replacing either; returns converted, result n by n.
-FrameCall momentsFrame(int* nObs, int* nAssets, double* returns, double* result, int* status) {
+// bad nAssets replacing either; result n by n.  The caller's row-major T by
+// n table is, read as it stands, the column-major n by T matrix X': the
+// layout the engine holds its centred table in.  Converting it to X and
+// back would move every number twice for the engine to transpose it once
+// more, so the engine reads X' directly (with the same sums, bit for bit)
+// and the caller's table is never written.
+FrameCall momentsFrame(int* nObs, int* nAssets, const double* returns, double* result,
+                       int* status) {
   FrameCall call;
   if (*nObs < 2) call.failure = kArgBase + 1;
   else if (returns == nullptr) call.failure = kArgBase + 3;
@@ -65,8 +71,6 @@ FrameCall momentsFrame(int* nObs, int* nAssets, double* returns, double* result,
   call.out = result;
   call.outCount = sizeMul(*nAssets, *nAssets);
   call.status = status;
-  call.in[0] = {returns, *nObs, *nAssets};
-  call.nIn = 1;
   call.outMatrix = result;
   call.outRows = *nAssets;
   call.outCols = *nAssets;
@@ -112,12 +116,14 @@ using namespace lumbra::api;
 
 extern "C" LUMBRA_API int ORXmodelingReturns(int* nObs, int* nSeries, double* prices, int* lag,
                                              double* result, int* status) {
-  return returnsExport(stats::modelingReturnsSimple, nObs, nSeries, prices, lag, result, status);
+  return returnsExport(stats::modelingReturnsSimpleTransposed, nObs, nSeries, prices, lag,
+                       result, status);
 }
 
 extern "C" LUMBRA_API int ORXmodelingLogReturns(int* nObs, int* nSeries, double* prices,
                                                 int* lag, double* result, int* status) {
-  return returnsExport(stats::modelingReturnsLog, nObs, nSeries, prices, lag, result, status);
+  return returnsExport(stats::modelingReturnsLogTransposed, nObs, nSeries, prices, lag, result,
+                       status);
 }
 
 extern "C" LUMBRA_API int ORXmodelingCov(int* nObs, int* nAssets, double* returns,
@@ -128,7 +134,8 @@ extern "C" LUMBRA_API int ORXmodelingCov(int* nObs, int* nAssets, double* return
   return runFrame(call, [&](int*, double* work) {
     double* means = work;
     double* centred = work + *nAssets;
-    stats::modelingCovSample(*nObs, *nAssets, returns, means, centred, result, *status);
+    stats::modelingCovSampleTransposed(*nObs, *nAssets, returns, means, centred, result,
+                                       *status);
   });
 }
 
@@ -138,7 +145,7 @@ extern "C" LUMBRA_API int ORXmodelingCorr(int* nObs, int* nAssets, double* retur
   const Size T = *nObs, N = *nAssets;
   call.workSize = (N * (T + N + 2)).value;
   return runFrame(call, [&](int*, double* work) {
-    stats::modelingCorrSample(*nObs, *nAssets, returns, work, result, *status);
+    stats::modelingCorrSampleTransposed(*nObs, *nAssets, returns, work, result, *status);
   });
 }
 

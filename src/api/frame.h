@@ -50,7 +50,9 @@ void clearDoubles(double* x, i64 count);
 
 // Rewrites the row-major rows by cols matrix in a as the column-major rows
 // by cols matrix, in place.  The way back is convertLayout(a, cols, rows).
-void convertLayout(double* a, i64 rows, i64 cols);
+// spare, when it holds at least rows*cols doubles, serves as the
+// temporary instead of a fresh array.
+void convertLayout(double* a, i64 rows, i64 cols, double* spare = nullptr, i64 spareCount = 0);
 
 // Engine status to return value: negative 5, positive 6, zero 0.
 int mapStatus(int status);
@@ -106,10 +108,15 @@ int runFrame(const FrameCall& call, Engine&& engine) {
   const bool ready =
       (call.iworkSize == 0 || iwork != nullptr) && (call.workSize == 0 || work != nullptr);
   if (ready) {
-    for (int k = 0; k < call.nIn; ++k) convertLayout(call.in[k].a, call.in[k].rows, call.in[k].cols);
+    // The real work array, free before the engine starts and after it ends,
+    // lends itself as the conversions' temporary.
+    for (int k = 0; k < call.nIn; ++k)
+      convertLayout(call.in[k].a, call.in[k].rows, call.in[k].cols, work, call.workSize);
     engine(iwork, work);
-    for (int k = 0; k < call.nIn; ++k) convertLayout(call.in[k].a, call.in[k].cols, call.in[k].rows);
-    if (call.outMatrix != nullptr) convertLayout(call.outMatrix, call.outCols, call.outRows);
+    for (int k = 0; k < call.nIn; ++k)
+      convertLayout(call.in[k].a, call.in[k].cols, call.in[k].rows, work, call.workSize);
+    if (call.outMatrix != nullptr)
+      convertLayout(call.outMatrix, call.outCols, call.outRows, work, call.workSize);
     refuseNonFiniteResult(call);
     result = mapStatus(*call.status);
   }

@@ -1,6 +1,7 @@
 // Dense matrix kernels on BLAS and LAPACK.
 #include "kernels/kernels.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <limits>
@@ -33,6 +34,17 @@ void scaleLong(i64 count, const double& alpha, double* x) {
     const int len = static_cast<int>(count - s < kChunk ? count - s : kChunk);
     dscal_(&len, &alpha, x + s, &kOne);
   }
+}
+
+// C(i,j) := C(j,i) for i > j: the strict lower triangle from the upper,
+// in tiles of 32 by 32 so that the strided reads stay in cache.
+void mirrorUpper(i64 n, double* C) {
+  constexpr i64 kTile = 32;
+  for (i64 j0 = 0; j0 < n; j0 += kTile)
+    for (i64 i0 = j0; i0 < n; i0 += kTile)
+      for (i64 j = j0; j < std::min(n, j0 + kTile); ++j)
+        for (i64 i = std::max(i0, j + 1); i < std::min(n, i0 + kTile); ++i)
+          C[at(i, j, n)] = C[at(j, i, n)];
 }
 
 }  // namespace
@@ -175,8 +187,7 @@ void matMul(const int& n, const double* A, const double* B, double* C) {
 void matGram(const int& m, const int& n, const double* X, double* C) {
   if (m < 1 || n < 1) return;
   dsyrk_("U", "T", &n, &m, &kUnit, X, &m, &kZero, C, &n, 1, 1);
-  for (i64 j = 0; j < n; ++j)
-    for (i64 i = j + 1; i < n; ++i) C[at(i, j, n)] = C[at(j, i, n)];
+  mirrorUpper(n, C);
 }
 
 // C := Y Y', Y n by m with leading dimension n: the Gram matrix of the
@@ -186,8 +197,7 @@ void matGram(const int& m, const int& n, const double* X, double* C) {
 void matGramRows(const int& n, const int& m, const double* Y, double* C) {
   if (m < 1 || n < 1) return;
   dsyrk_("U", "N", &n, &m, &kUnit, Y, &n, &kZero, C, &n, 1, 1);
-  for (i64 j = 0; j < n; ++j)
-    for (i64 i = j + 1; i < n; ++i) C[at(i, j, n)] = C[at(j, i, n)];
+  mirrorUpper(n, C);
 }
 
 // y := A' x
@@ -213,9 +223,19 @@ void matQuadForm(const int& n, const double* A, const double* x, double& r) {
   }
 }
 
-// means(j) := (A(0,j) + ... + A(m-1,j)) / m
+// means(j) := (A(0,j) + ... + A(m-1,j)) / m.  Eight columns are summed
+// side by side, each sum with its own terms in row order, so that eight
+// independent additions are in flight instead of one chain.
 void matColMeans(const int& m, const int& n, const double* A, double* means) {
-  for (i64 j = 0; j < n; ++j) {
+  constexpr i64 kSideBySide = 8;
+  i64 j = 0;
+  for (; j + kSideBySide <= n; j += kSideBySide) {
+    double s[kSideBySide] = {};
+    for (i64 i = 0; i < m; ++i)
+      for (i64 k = 0; k < kSideBySide; ++k) s[k] += A[at(i, j + k, m)];
+    for (i64 k = 0; k < kSideBySide; ++k) means[j + k] = s[k] / m;
+  }
+  for (; j < n; ++j) {
     double s = 0.0;
     for (i64 i = 0; i < m; ++i) s += A[at(i, j, m)];
     means[j] = s / m;
@@ -521,6 +541,75 @@ void matPositiveDefiniteCheck(const int& n, const double* A, int* iwork, double*
   double smallest = 0.0;
   vecMin(n, wr, smallest);
   if (kDefiniteThreshold > smallest) flag = 1;
+}
+
+// certified := true when a Cholesky factorisation proves that the smallest
+// eigenvalue of A lies so far above the definiteness threshold t that the
+// Schur-form test of matPositiveDefiniteCheck must find every real part at
+// or above t, that is flag 0.  A false result proves nothing: the Schur
+// test then decides.  Work: n*n doubles.
+//
+// Only an exactly symmetric A with finite entries is tried.  With u = 2^-53
+// the unit roundoff, gamma(k) = k u / (1 - k u), s = t + margin:
+//
+// 1. B := A - s I is formed in floating point, only the diagonal rounds:
+//    B = A - s I + D with |D(i,i)| <= u (|A(i,i)| + s).
+// 2. A successful DPOTRF gives L with L L' = B + dB and, in any order of
+//    summation, |dB| <= gamma(n+1) |L| |L'| elementwise.  L L' is positive
+//    semi-definite, so lambda_min(B) >= -||dB||_2, and
+//    ||dB||_2 <= gamma(n+1) || |L| |L'| ||_2 <= gamma(n+1) ||L||_F^2
+//    = gamma(n+1) trace(L L') <= gamma(n+1) / (1 - gamma(n+1)) trace(B)
+//    <= 2 gamma(n+1) (1 + u) sum_i |A(i,i)| <= 4 (n+1) u sum_i |A(i,i)|
+//    while (n+1) u <= 1/4.  Hence
+//    lambda_min(A) >= s - 4 (n+1) u sum_i |A(i,i)| - u (max_i |A(i,i)| + s).
+// 3. DGEES returns the eigenvalues of A + E, an exact orthogonal
+//    similarity, with ||E||_2 <= ||E||_F <= p(n) u ||A||_F; the normwise
+//    bounds of the Householder reduction and of the QR sweeps grow no
+//    faster than n^2 u, and p(n) = 8 n^2 + 64 is taken with room to spare
+//    (a larger margin only sends more matrices to the Schur test).  A is
+//    symmetric, so by Bauer-Fike every eigenvalue of A + E lies within
+//    ||E||_2 of one of A: every real part is >= lambda_min(A) - ||E||_2.
+// 4. With X = (4 (n+1) + 1) u sum_i |A(i,i)| + p(n) u ||A||_F + n^2 DBL_MIN
+//    (the last term covers the absolute error of gradual underflow) and
+//    margin = X + 4 u (t + X), which also pays for the rounding of s
+//    itself and of the u s in step 2, steps 2 and 3 give every real part
+//    >= t: the Schur test finds the matrix definite.  The constants carry
+//    a factor of two over the bounds, which covers the rounding of the
+//    sums that form X.
+//
+// The certificate assumes that the QR iteration of DGEES converges, which
+// it does on symmetric matrices; on a failure DGEES would report its INFO.
+void matDefiniteCertificate(const int& n, const double* A, double* work, bool& certified) {
+  certified = false;
+  if (n < 1) return;
+  const i64 m = n;
+  double diagonalSum = 0.0, diagonalMax = 0.0, squares = 0.0;
+  for (i64 j = 0; j < m; ++j) {
+    for (i64 i = 0; i < j; ++i) {
+      const double a = A[at(i, j, m)];
+      if (!(a == A[at(j, i, m)])) return;  // asymmetric, or NaN
+      squares += 2.0 * a * a;
+    }
+    const double d = std::fabs(A[at(j, j, m)]);
+    diagonalSum += d;
+    diagonalMax = std::max(diagonalMax, d);
+    squares += d * d;
+  }
+  const double u = std::numeric_limits<double>::epsilon() / 2.0;
+  const double order = static_cast<double>(n);
+  if ((order + 1.0) * u > 0.25) return;
+  const double schurFactor = 8.0 * order * order + 64.0;
+  const double bound = (4.0 * (order + 1.0) + 1.0) * u * diagonalSum +
+                       schurFactor * u * std::sqrt(squares) +
+                       order * order * std::numeric_limits<double>::min();
+  const double margin = bound + 4.0 * u * (kDefiniteThreshold + bound);
+  const double shift = kDefiniteThreshold + margin;
+  if (!std::isfinite(shift) || !std::isfinite(diagonalMax)) return;
+  matCopy(n, n, A, work);
+  for (i64 j = 0; j < m; ++j) work[at(j, j, m)] -= shift;
+  int info = 0;
+  dpotrf_("L", &n, work, &n, &info, 1);
+  certified = info == 0;
 }
 
 }  // namespace lumbra::kernels

@@ -110,5 +110,9 @@ void matSchurRealParts(const int& n, const double* A, int* iwork, double* work, 
 // Work: n integers, 2n*n + 7n doubles.
 void matPositiveDefiniteCheck(const int& n, const double* A, int* iwork, double* work,
                               int& flag);
+// certified := true when a Cholesky factorisation of A - (threshold +
+// margin) I proves that matPositiveDefiniteCheck would set flag 0; false
+// proves nothing.  Work: n*n doubles.
+void matDefiniteCertificate(const int& n, const double* A, double* work, bool& certified);
 
 }  // namespace lumbra::kernels

@@ -26,4 +26,13 @@ void modelingCovFromCentered(const int& T, const int& n, const double* C, double
 void modelingCorrSample(const int& T, const int& n, const double* X, double* work,
                         double* Corr, int& status);
 
+// The same two computations on X given transposed, Xt = X' (n by T, one
+// observation per column): the layout in which a caller's row-major table
+// arrives, and the one the centred table is held in.  Same results, bit for
+// bit, with the same work arrays.
+void modelingCovSampleTransposed(const int& T, const int& n, const double* Xt, double* means,
+                                 double* C, double* Cov, int& status);
+void modelingCorrSampleTransposed(const int& T, const int& n, const double* Xt, double* work,
+                                  double* Corr, int& status);
+
 }  // namespace lumbra::stats

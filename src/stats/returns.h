@@ -14,4 +14,12 @@ void modelingReturnsSimple(const int& T, const int& n, const double* P, const in
 void modelingReturnsLog(const int& T, const int& n, const double* P, const int& lag,
                         double* R, int& status);
 
+// The same two computations on the transposed tables, Pt = P' (n by T) and
+// Rt = R' (n by T - lag): the layouts of a caller's row-major tables.  Same
+// values and the same elements written, status included, bit for bit.
+void modelingReturnsSimpleTransposed(const int& T, const int& n, const double* Pt,
+                                     const int& lag, double* Rt, int& status);
+void modelingReturnsLogTransposed(const int& T, const int& n, const double* Pt, const int& lag,
+                                  double* Rt, int& status);
+
 }  // namespace lumbra::stats

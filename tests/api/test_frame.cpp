@@ -235,23 +235,6 @@ TEST(WorkArrays, AllocationFailureReturnsTwoWithOutputsCleared) {
   EXPECT_TRUE(c.cleared());
 }
 
-TEST(WorkArrays, ConversionWithoutItsTemporaryGivesTheSameResult) {
-  // Work array granted, every conversion temporary refused: the frame falls
-  // back to moving the elements in place along the permutation's cycles.
-  int nObs = 5, nAssets = 3, status = kStatusSentinel;
-  std::vector<double> returns = {1.0, 2.0, 0.5, 2.0, 4.0, 1.5, 3.0, 5.0, 0.0,
-                                 4.0, 4.0, 1.0, 0.0, 5.0, 2.0};
-  const std::vector<double> original = returns;
-  std::vector<double> expected(9), cov(9);
-  ASSERT_EQ(0, ORXmodelingCov(&nObs, &nAssets, returns.data(), expected.data(), &status));
-  {
-    FailingAllocator failing(1);
-    EXPECT_EQ(0, ORXmodelingCov(&nObs, &nAssets, returns.data(), cov.data(), &status));
-  }
-  EXPECT_EQ(original, returns);
-  EXPECT_EQ(expected, cov);
-}
-
 TEST(WorkArrays, OversizedFormulasAreAllocationFailures) {
   using namespace lumbra::api;
   EXPECT_EQ(kSizeInvalid, sizeMul(INT64_MAX / 2, 3));
@@ -277,18 +260,55 @@ TEST(WorkArrays, OversizedFormulasAreAllocationFailures) {
 }
 
 TEST(WorkArrays, LayoutConversionBothWays) {
+  // Shapes below, at and across the 32-element tiles, square ones (moved in
+  // place) among them; each converted with a fresh temporary, with spare
+  // memory lent by the caller, and with neither (the permutation's cycles).
   using namespace lumbra::api;
-  for (const auto& shape : {std::pair<i64, i64>{2, 3}, {3, 2}, {4, 4}, {1, 5}, {7, 3}}) {
-    const i64 rows = shape.first, cols = shape.second;
-    std::vector<double> a(static_cast<size_t>(rows * cols));
-    for (size_t k = 0; k < a.size(); ++k) a[k] = static_cast<double>(k);
-    const std::vector<double> original = a;
-    convertLayout(a.data(), rows, cols);
-    for (i64 r = 0; r < rows; ++r)
-      for (i64 c = 0; c < cols; ++c) EXPECT_EQ(original[r * cols + c], a[at(r, c, rows)]);
-    convertLayout(a.data(), cols, rows);
-    EXPECT_EQ(original, a);
-  }
+  const std::pair<i64, i64> shapes[] = {{2, 3}, {3, 2}, {4, 4}, {1, 5}, {7, 3},
+                                        {32, 32}, {33, 33}, {70, 45}, {45, 70}, {64, 96}};
+  enum class Temporary { Fresh, Spare, None };
+  for (const auto& [rows, cols] : shapes)
+    for (Temporary temporary : {Temporary::Fresh, Temporary::Spare, Temporary::None}) {
+      SCOPED_TRACE(::testing::Message() << rows << " by " << cols << ", temporary "
+                                        << static_cast<int>(temporary));
+      std::vector<double> a(static_cast<size_t>(rows * cols));
+      for (size_t k = 0; k < a.size(); ++k) a[k] = static_cast<double>(k);
+      const std::vector<double> original = a;
+      std::vector<double> spare(temporary == Temporary::Spare ? a.size() : 0, kSentinel);
+      {
+        FailingAllocator failing(temporary == Temporary::None ? 0 : 2);
+        convertLayout(a.data(), rows, cols, spare.data(), static_cast<i64>(spare.size()));
+        for (i64 r = 0; r < rows; ++r)
+          for (i64 c = 0; c < cols; ++c) EXPECT_EQ(original[r * cols + c], a[at(r, c, rows)]);
+        convertLayout(a.data(), cols, rows, spare.data(), static_cast<i64>(spare.size()));
+        // Squares and lent memory need no allocation.
+        const bool allocates = rows != cols && rows > 1 && cols > 1;
+        EXPECT_EQ(allocates && temporary != Temporary::Spare ? 2 : 0, FailingAllocator::requests());
+      }
+      EXPECT_EQ(original, a);
+    }
+}
+
+TEST(WorkArrays, ConversionsBorrowTheWorkArray) {
+  // The modified VaR of a 40 by 3 table: the conversions of the table (and
+  // of the covariance, in place) use the real work array as their
+  // temporary, so the whole call makes one allocation.
+  int nObs = 40, nAssets = 3, status = kStatusSentinel;
+  std::vector<double> returns(static_cast<size_t>(nObs) * nAssets);
+  for (size_t k = 0; k < returns.size(); ++k) returns[k] = static_cast<double>(k % 7) * 0.25 - 0.5;
+  std::vector<double> cov = {1.0, 0.25, 0.0, 0.25, 2.0, 0.5, 0.0, 0.5, 1.5};
+  std::vector<double> weights = {0.25, 0.25, 0.5};
+  const std::vector<double> originalReturns = returns, originalCov = cov;
+  double level = 0.95, unlimited = kSentinel, borrowed = kSentinel;
+  ASSERT_EQ(0, ORXanalysisExanteModifiedVaR(&nObs, &nAssets, weights.data(), returns.data(),
+                                            cov.data(), &level, &unlimited, &status));
+  FailingAllocator failing(1);
+  EXPECT_EQ(0, ORXanalysisExanteModifiedVaR(&nObs, &nAssets, weights.data(), returns.data(),
+                                            cov.data(), &level, &borrowed, &status));
+  EXPECT_EQ(1, FailingAllocator::requests());
+  EXPECT_BITEQ(unlimited, borrowed);
+  EXPECT_EQ(originalReturns, returns);
+  EXPECT_EQ(originalCov, cov);
 }
 
 TEST(AnalysisArguments, LevelRefusalComesFirst) {

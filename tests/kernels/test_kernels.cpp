@@ -298,4 +298,117 @@ TEST(SpectralKernels, NonFiniteMatricesNeverReachLapack) {
   EXPECT_TRUE(allFinite(0, nullptr));
   finite[2] = std::numeric_limits<double>::infinity();
   EXPECT_FALSE(allFinite(3, finite.data()));
+
+namespace {
+
+// A := H diag(lambda) H with H = I - 2 v v' / v'v, made exactly symmetric:
+// a symmetric matrix whose eigenvalues are lambda to within about 1e-16.
+std::vector<double> withEigenvalues(const std::vector<double>& lambda) {
+  const int n = static_cast<int>(lambda.size());
+  std::vector<double> v(n), H(static_cast<size_t>(n) * n), A(H.size(), 0.0);
+  double vv = 0.0;
+  for (int i = 0; i < n; ++i) {
+    v[i] = 1.0 + (i * 7 % 5);
+    vv += v[i] * v[i];
+  }
+  for (int j = 0; j < n; ++j)
+    for (int i = 0; i < n; ++i) H[at(i, j, n)] = (i == j ? 1.0 : 0.0) - 2.0 * v[i] * v[j] / vv;
+  for (int j = 0; j < n; ++j)
+    for (int i = 0; i < n; ++i)
+      for (int k = 0; k < n; ++k) A[at(i, j, n)] += H[at(i, k, n)] * lambda[k] * H[at(k, j, n)];
+  matSymmetrise(n, A.data(), A.data());
+  return A;
+}
+
+}  // namespace
+
+TEST(SpectralKernels, DefiniteCertificateOnlyWhereTheSchurTestMustPass) {
+  // Smallest eigenvalue far above, just above, at and below the threshold,
+  // asymmetric matrices and a NaN: the certificate may only say yes where
+  // the Schur-form test gives flag 0, must say yes where the smallest
+  // eigenvalue clears the threshold by far more than any rounding, and
+  // must say no at or below the threshold (the margin is positive) and for
+  // any asymmetric matrix.  Just above the threshold either answer is
+  // right: it depends on the margin, which grows with n and the norm.
+  const double t = kDefiniteThreshold;
+  enum class Expect { Yes, No, Either };
+  struct Case {
+    const char* name;
+    double smallest;
+    bool asymmetric;
+    Expect certified;
+  };
+  const Case cases[] = {{"far above", 0.5, false, Expect::Yes},
+                        {"ten times the threshold", 10.0 * t, false, Expect::Either},
+                        {"just above", 1.05 * t, false, Expect::Either},
+                        {"at", t, false, Expect::No},
+                        {"just below", 0.95 * t, false, Expect::No},
+                        {"zero", 0.0, false, Expect::No},
+                        {"negative", -0.5, false, Expect::No},
+                        {"far above, asymmetric by one ulp", 0.5, true, Expect::No},
+                        {"negative, asymmetric", -0.5, true, Expect::No}};
+  for (const int n : {1, 2, 6, 40}) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(::testing::Message() << "n " << n << ", " << c.name);
+      if (c.asymmetric && n == 1) continue;
+      std::vector<double> lambda(n);
+      for (int i = 0; i < n; ++i) lambda[i] = i == n / 2 ? c.smallest : 1.0 + 0.25 * i;
+      std::vector<double> A = withEigenvalues(lambda);
+      if (c.asymmetric) A[at(0, 1, n)] = std::nextafter(A[at(0, 1, n)], 2.0);
+      std::vector<int> iwork(n);
+      std::vector<double> work(2 * static_cast<size_t>(n) * n + 7 * n, kSentinel);
+      int flag = -1;
+      matPositiveDefiniteCheck(n, A.data(), iwork.data(), work.data(), flag);
+      bool certified = c.certified != Expect::Yes;
+      matDefiniteCertificate(n, A.data(), work.data(), certified);
+      if (c.certified != Expect::Either) {
+        EXPECT_EQ(c.certified == Expect::Yes, certified);
+      }
+      if (certified) {
+        EXPECT_EQ(0, flag);
+      }
+      if (c.smallest < t) {
+        EXPECT_EQ(1, flag);
+      }
+    }
+  }
+  const double withNaN[4] = {1.0, std::nan(""), std::nan(""), 1.0};
+  std::vector<double> work(4);
+  bool certified = true;
+  matDefiniteCertificate(2, withNaN, work.data(), certified);
+  EXPECT_FALSE(certified);
+}
+
+TEST(SpectralKernels, DefiniteCertificateOnSampleCovariances) {
+  // Sample covariances of 3n pseudo-random observations: well inside the
+  // definite cone, certified, and the Schur test agrees; the same matrix
+  // with its smallest direction removed (rank n - 1) is refused by both.
+  for (const int n : {3, 30, 120}) {
+    const int T = 3 * n;
+    std::vector<double> X(static_cast<size_t>(T) * n);
+    unsigned state = 4242u + static_cast<unsigned>(n);
+    for (double& v : X) {
+      state = state * 1103515245u + 12345u;
+      v = static_cast<double>((state >> 8) % 20001u) / 1e6 - 0.01;
+    }
+    for (const bool deficient : {false, true}) {
+      if (deficient)  // last asset := first asset: a zero eigenvalue
+        for (int i = 0; i < T; ++i) X[at(i, n - 1, T)] = X[at(i, 0, T)];
+      std::vector<double> cov(static_cast<size_t>(n) * n);
+      for (int j = 0; j < n; ++j)
+        for (int i = 0; i < n; ++i) {
+          double sum = 0.0;
+          for (int k = 0; k < T; ++k) sum += X[at(k, i, T)] * X[at(k, j, T)];
+          cov[at(i, j, n)] = sum / T;
+        }
+      std::vector<int> iwork(n);
+      std::vector<double> work(2 * static_cast<size_t>(n) * n + 7 * n);
+      int flag = -1;
+      bool certified = deficient;
+      matPositiveDefiniteCheck(n, cov.data(), iwork.data(), work.data(), flag);
+      matDefiniteCertificate(n, cov.data(), work.data(), certified);
+      EXPECT_EQ(!deficient, certified) << "n " << n;
+      EXPECT_EQ(deficient ? 1 : 0, flag) << "n " << n;
+    }
+  }
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <utility>
 #include <vector>
 
 #include "kernels/index.h"
@@ -116,6 +117,37 @@ TEST(Correlation, FloorOnVariancesAndTheirProduct) {
     } else {
       EXPECT_EQ(5, m.corrStatus);
       EXPECT_BITEQ(0.0, m.corr[at(0, 1, 2)]);
+    }
+  }
+}
+
+TEST(Covariance, TransposedTableGivesTheSameBits) {
+  // The exports hand the engine the caller's row-major table as X'; its
+  // means, centring and products must be those of X to the last bit, for
+  // shapes below and across the tiles and the eight-column groups of the
+  // column means.  The Gram product is the same BLAS call on the same
+  // centred table either way, so equality is exact on any BLAS.
+  for (const auto& [T, n] : {std::pair<int, int>{2, 1}, {3, 5}, {40, 9}, {75, 33}, {130, 70}}) {
+    std::vector<double> X(static_cast<size_t>(T) * n), Xt(X.size());
+    unsigned state = 977u * static_cast<unsigned>(T) + static_cast<unsigned>(n);
+    for (double& v : X) {
+      state = state * 1103515245u + 12345u;
+      v = static_cast<double>((state >> 8) % 20001u) / 1e6 - 0.01;
+    }
+    for (int i = 0; i < T; ++i)
+      for (int j = 0; j < n; ++j) Xt[at(j, i, n)] = X[at(i, j, T)];
+    const Moments m = moments(T, n, X);
+    std::vector<double> means(n), centred(X.size()), cov(static_cast<size_t>(n) * n, -1.0),
+        corr(cov.size(), -1.0), work(static_cast<size_t>(n) * (T + n + 2));
+    int covStatus = 99, corrStatus = 99;
+    modelingCovSampleTransposed(T, n, Xt.data(), means.data(), centred.data(), cov.data(),
+                                covStatus);
+    modelingCorrSampleTransposed(T, n, Xt.data(), work.data(), corr.data(), corrStatus);
+    EXPECT_EQ(m.covStatus, covStatus);
+    EXPECT_EQ(m.corrStatus, corrStatus);
+    for (size_t k = 0; k < cov.size(); ++k) {
+      EXPECT_BITEQ(m.cov[k], cov[k]) << "T " << T << " n " << n << " k " << k;
+      EXPECT_BITEQ(m.corr[k], corr[k]) << "T " << T << " n " << n << " k " << k;
     }
   }
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <utility>
 #include <vector>
 
 #include "kernels/index.h"
@@ -10,6 +11,10 @@
 
 using namespace lumbra;
 using namespace lumbra::stats;
+
+namespace {
+constexpr double kSentinel = -777.0;
+}  // namespace
 
 TEST(ReturnSeries, SimpleAndLogOnTwoAssets) {
   // Column-major 3 by 2 prices.
@@ -70,4 +75,40 @@ TEST(ReturnSeries, TinyPriceOnlyMattersAsADenominator) {
   EXPECT_EQ(-103, status);
   EXPECT_BITEQ(1.0, S[0]);
   EXPECT_BITEQ(-1.0, S[1]);
+}
+
+TEST(ReturnSeries, TransposedTablesGiveTheSameElementsAndStatus) {
+  // The exports work on the caller's row-major tables as P' and R'.  The
+  // values, the elements written (all, or those before the first tiny
+  // denominator asset by asset) and the status must be those of the
+  // column-major routines, for both kinds, with tiny prices placed in the
+  // first column, mid-table, in the last denominator row, and only among
+  // the prices that are never denominators.
+  using Routine = void (*)(const int&, const int&, const double*, const int&, double*, int&);
+  const std::pair<Routine, Routine> kinds[] = {
+      {modelingReturnsSimple, modelingReturnsSimpleTransposed},
+      {modelingReturnsLog, modelingReturnsLogTransposed}};
+  const int T = 9, n = 4, lag = 2, rows = T - lag;
+  struct Tiny {
+    int t, j;
+  };
+  const std::vector<std::vector<Tiny>> placements = {
+      {}, {{3, 0}}, {{5, 2}, {1, 3}}, {{rows - 1, 3}}, {{T - 1, 1}}, {{2, 1}, {2, 2}}};
+  for (const auto& [plain, transposed] : kinds)
+    for (const auto& tiny : placements) {
+      std::vector<double> P(static_cast<size_t>(T) * n), Pt(P.size());
+      for (int j = 0; j < n; ++j)
+        for (int t = 0; t < T; ++t) P[at(t, j, T)] = 1.0 + 0.125 * ((t * 5 + j * 3) % 11);
+      for (const Tiny& z : tiny) P[at(z.t, z.j, T)] = 1e-40;
+      for (int j = 0; j < n; ++j)
+        for (int t = 0; t < T; ++t) Pt[at(j, t, n)] = P[at(t, j, T)];
+      std::vector<double> R(static_cast<size_t>(rows) * n, kSentinel), Rt(R.size(), kSentinel);
+      int status = 9, statusT = 9;
+      plain(T, n, P.data(), lag, R.data(), status);
+      transposed(T, n, Pt.data(), lag, Rt.data(), statusT);
+      EXPECT_EQ(status, statusT);
+      for (int j = 0; j < n; ++j)
+        for (int t = 0; t < rows; ++t)
+          EXPECT_BITEQ(R[at(t, j, rows)], Rt[at(j, t, n)]) << "t " << t << " j " << j;
+    }
 }
