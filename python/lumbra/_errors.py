@@ -13,14 +13,16 @@ import warnings
 # on the export (LAPACK INFO values) are in LAPACK_INFO_EXPORTS below.
 STATUS_MESSAGES: dict[int, str] = {
     0: "success",
-    -1: "engine not available in this build",
     -2: "too few observations for the computation",
+    -5: "the simulation's covariance matrix holds a NaN or an infinity",
     5: "an asset has (near) zero variance: its correlations are set to 0",
     # Return and risk statistics.
     -102: "confidence level outside the engine's limits [1e-8, 0.99999999]",
     -103: "a price used as a denominator is below the threshold "
-          "(1e-30 for simple returns, 1e-15 for logarithmic returns)",
-    -104: "the variance of the portfolio's return history is below 1e-30",
+          "(1e-30 for simple returns, 1e-15 for logarithmic returns), "
+          "or a return that is not finite",
+    -104: "a variance below 1e-30 or not finite: data, a variance or a result "
+          "holding a NaN or an infinity",
     -1000: "a co-moment index or moment order is out of range",
     # Allocation.
     -100: "no feasible portfolio: the constraints, the bounds and the return "
@@ -71,13 +73,14 @@ STATUS_MESSAGES: dict[int, str] = {
 LAPACK_INFO_EXPORTS: dict[str, tuple[str, frozenset]] = {
     "ORXsimulGeometricBrownianX": (
         "the covariance matrix has no Cholesky factor even after its eigenvalues were "
-        "floored; the paths carry no meaning (LAPACK INFO {status})", frozenset({0})),
+        "floored; the paths carry no meaning (LAPACK INFO {status})",
+        frozenset({0, -2, -5, -104})),
     "ORXmodelingSDLScorr": (
         "the final eigen-decomposition failed (LAPACK DSYEVR INFO {status})",
-        frozenset({0, -1, -1102, -2001})),
+        frozenset({0, -1102, -2001})),
     "ORXmodelingSDLS": (
         "the final eigen-decomposition failed (LAPACK DSYEVR INFO {status})",
-        frozenset({0, -1, *range(-1110, -1100), 1104, 1105, 1106})),
+        frozenset({0, *range(-1110, -1100), 1104, 1105, 1106})),
 }
 
 RETURN_MESSAGES: dict[int, str] = {
@@ -189,8 +192,20 @@ class LumbraWarning(UserWarning):
         self.function = function
 
 
+# Statuses whose meaning in one export differs from the table above.
+EXPORT_MESSAGES: dict[str, dict[int, str]] = {
+    "ORXsimulGeometricBrownianX": {
+        -2: "the horizon is negative",
+        -5: "the covariance matrix holds a NaN or an infinity",
+        -104: "a start price, a drift or a simulated price is not finite",
+    },
+}
+
+
 def status_message(status: int, function: str = "") -> str:
     """The readable meaning of `status` as `function` reports it."""
+    if status in EXPORT_MESSAGES.get(function, {}):
+        return EXPORT_MESSAGES[function][status]
     if function in LAPACK_INFO_EXPORTS:
         text, own = LAPACK_INFO_EXPORTS[function]
         if status not in own:

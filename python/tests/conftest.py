@@ -35,17 +35,6 @@ def raw(name, *args):
     return code, status.value, keep
 
 
-def skip_if_not_built(call):
-    """Runs `call`; skips the test when the library reports status -1,
-    the nearness engine not being part of this build."""
-    try:
-        return call()
-    except lumbra.SolverError as err:
-        if err.status == -1:
-            pytest.skip("the matrix-nearness engine isn't built in this library (status -1)")
-        raise
-
-
 @pytest.fixture(scope="session")
 def universe():
     """Returns (T by 4), their prices, covariance and means: a fixed,

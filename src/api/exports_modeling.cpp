@@ -6,6 +6,7 @@
 #include "kernels/kernels.h"
 #include "lumbra.h"
 #include "nearness/nearness.h"
+#include "nearness/sdls.h"
 #include "stats/analysis.h"
 #include "stats/covariance.h"
 #include "stats/returns.h"
@@ -174,6 +175,7 @@ extern "C" LUMBRA_API int ORXmodelingSDLS(int* n, double* target, int* nEq, doub
   call.outMatrix = result;
   call.outRows = *n;
   call.outCols = *n;
+  call.notFinite = nearness::kSdlsBadCall;
   return runFrame(call, [&](int* iz, double* work) {
     nearness::sdlsSolve(*n, target, *nEq, eqMatrices, eqValues, *nIneq, ineqMatrices,
                         ineqLower, ineqUpper, *tolerance, *eigenFloor, iz, work, result,
@@ -201,6 +203,7 @@ extern "C" LUMBRA_API int ORXmodelingSDLScorr(int* n, double* target, double* to
   call.outMatrix = result;
   call.outRows = *n;
   call.outCols = *n;
+  call.notFinite = nearness::kSdlsBadCall;
   return runFrame(call, [&](int* iz, double* work) {
     nearness::sdlsCorrelation(*n, target, *tolerance, *eigenFloor, iz, work, result, *status);
   });

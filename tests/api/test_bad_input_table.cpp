@@ -97,10 +97,15 @@ std::vector<RealRow> realRows() {
   }
   for (Export e : {Export::Cov, Export::Corr})
     rows.push_back({e, "returns[0][0]", first(&CallData::hist)});
+  rows.push_back({Export::SDLS, "target[0][1], target[1][0]", offDiagonal(&CallData::nearTarget, 2)});
+  rows.push_back({Export::SDLS, "eqMatrices[0][0]", first(&CallData::eqMatrices)});
+  rows.push_back({Export::SDLS, "eqValues[0]", first(&CallData::eqValues)});
+  rows.push_back({Export::SDLS, "ineqMatrices[0][1], [1][0]", offDiagonal(&CallData::ineqMatrices, 2)});
   rows.push_back({Export::SDLS, "ineqLower[0]", first(&CallData::ineqLower)});
   rows.push_back({Export::SDLS, "ineqUpper[0]", first(&CallData::ineqUpper)});
   rows.push_back({Export::SDLS, "tolerance", scalar(&CallData::tolerance)});
   rows.push_back({Export::SDLS, "eigenFloor", scalar(&CallData::eigenFloor)});
+  rows.push_back({Export::SDLScorr, "target[0][1], target[1][0]", offDiagonal(&CallData::nearTarget, 2)});
   rows.push_back({Export::SDLScorr, "tolerance", scalar(&CallData::tolerance)});
   rows.push_back({Export::SDLScorr, "eigenFloor", scalar(&CallData::eigenFloor)});
   rows.push_back({Export::ExanteReturn, "mu[0]", first(&CallData::exMu)});

@@ -298,6 +298,7 @@ TEST(SpectralKernels, NonFiniteMatricesNeverReachLapack) {
   EXPECT_TRUE(allFinite(0, nullptr));
   finite[2] = std::numeric_limits<double>::infinity();
   EXPECT_FALSE(allFinite(3, finite.data()));
+}
 
 namespace {
 
