@@ -40,3 +40,20 @@ def report(failures, total):
     """Closing line and exit code of a reference test script."""
     print(f"{total - failures} passed, {failures} failed")
     sys.exit(1 if failures else 0)
+
+
+# Running count of the checks of one script: (checks made, checks failed).
+_tally = [0, 0]
+
+
+def check(ok, what):
+    """Counts one check of a script; prints what failed."""
+    _tally[0] += 1
+    if not ok:
+        _tally[1] += 1
+        print("FAIL:", what)
+
+
+def finish():
+    """Closing line and exit code from the checks counted by check()."""
+    report(_tally[1], _tally[0])

@@ -11,21 +11,9 @@ import ctypes
 
 import numpy as np
 
-from lumbra_ctypes import arr, call, i32, matrix, report
+from lumbra_ctypes import arr, call, i32, matrix, check, finish
 
 rng = np.random.default_rng(20261123)
-failures = 0
-checks = 0
-
-
-def check(ok, what):
-    global failures, checks
-    checks += 1
-    if not ok:
-        failures += 1
-        print("FAIL:", what)
-
-
 for T, n in [(2, 1), (4, 3), (60, 5), (251, 12), (500, 40)]:
     prices = matrix(100.0 * np.exp(np.cumsum(rng.normal(0, 0.01, (T + 1, n)), axis=0)))
     before = prices.copy()
@@ -60,4 +48,4 @@ for T, n in [(2, 1), (4, 3), (60, 5), (251, 12), (500, 40)]:
     check(np.array_equal(corr, corr.T), "corr not exactly symmetric")
     check(np.max(np.abs(corr - np.corrcoef(x, rowvar=False))) < 1e-13, f"corr {T}x{n}")
 
-report(failures, checks)
+finish()

@@ -21,21 +21,9 @@ eigenvalues are raised to 1e-30, and the diagonal residual does not touch
 the eigenvalues of the projection)."""
 import numpy as np
 
-from lumbra_ctypes import arr, call, f64, i32, matrix, report
+from lumbra_ctypes import arr, call, f64, i32, matrix, check, finish
 
 rng = np.random.default_rng(11)
-failures = 0
-checks = 0
-
-
-def check(ok, what):
-    global failures, checks
-    checks += 1
-    if not ok:
-        failures += 1
-        print("FAIL:", what)
-
-
 def project_psd(S):
     """Projection on the semi-definite cone; eigenvalues and vectors too."""
     w, P = np.linalg.eigh((S + S.T) / 2)
@@ -163,4 +151,4 @@ for tol in [0.0, -1.0, np.nan]:
 code, status, X = nearest(C, 1e-8, 0.9999999999999995)
 check(code == 5 and status == -2001, f"floor just below 1: {code} {status}")
 
-report(failures, checks)
+finish()

@@ -17,23 +17,11 @@ the smallest eigenvalue to the floor less 1e-8."""
 import numpy as np
 from cvxopt import matrix as cvx, solvers
 
-from lumbra_ctypes import arr, call, f64, i32, matrix, report
+from lumbra_ctypes import arr, call, f64, i32, matrix, check, finish
 
 solvers.options.update(show_progress=False, abstol=1e-10, reltol=1e-10, feastol=1e-10,
                        maxiters=200)
 rng = np.random.default_rng(41)
-failures = 0
-checks = 0
-
-
-def check(ok, what):
-    global failures, checks
-    checks += 1
-    if not ok:
-        failures += 1
-        print("FAIL:", what)
-
-
 def sdls(C, A, b, B, lo, up, tol, floor):
     """Calls the export with lists of constraint matrices; returns
     (code, status, X)."""
@@ -226,4 +214,4 @@ code, status = call("ORXmodelingSDLS", i32(2), arr(matrix(np.eye(2))), i32(2**30
                     f64(0.0), arr(X))
 check(code == 2 and status == 0 and not X.any(), f"huge nEq: {code} {status}")
 
-report(failures, checks)
+finish()
