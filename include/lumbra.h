@@ -61,6 +61,76 @@
 #  define LUMBRA_API __attribute__((visibility("default")))
 #endif
 
+/* ---- Return values ---------------------------------------------------- */
+
+#define ORX_RETURN_OK         0    /* success: status is ORX_STATUS_OK */
+#define ORX_RETURN_NO_MEMORY  2    /* a work array could not be obtained */
+#define ORX_RETURN_FAILURE    5    /* the engine ran; status is negative */
+#define ORX_RETURN_WARNING    6    /* the engine ran; status is positive */
+#define ORX_RETURN_ARGUMENT   300  /* plus k: argument k failed its test */
+
+/* ---- Status values ---------------------------------------------------- */
+/* Every value an export writes to *status.  Negative: a failure (return
+ * 5); positive: a warning or a partial result (return 6).  The README's
+ * status table says, for each, which exports write it and what the outputs
+ * hold then.  Two further kinds are passed on as LAPACK gives them: the
+ * simulation's positive INFO of its eigen-decomposition or Cholesky factor,
+ * and the nearness exports' INFO of their final eigen-decomposition. */
+
+#define ORX_STATUS_OK                    0      /* success */
+
+/* Call frame. */
+#define ORX_STATUS_NOT_BUILT             (-1)   /* engine not part of this build */
+
+/* Returns, statistics and simulation. */
+#define ORX_STATUS_TOO_FEW_OBSERVATIONS  (-2)   /* a series too short for the statistic */
+#define ORX_STATUS_NEGATIVE_HORIZON      (-2)   /* simulation: horizon below 0 */
+#define ORX_STATUS_FACTOR_NOT_FINITE     (-3)   /* simulation: floored cov not finite */
+#define ORX_STATUS_COV_NOT_FINITE        (-5)   /* simulation: cov holds a NaN or Inf */
+#define ORX_STATUS_DEGENERATE_ASSET      5      /* correlation: an asset of zero variance */
+#define ORX_STATUS_BAD_LEVEL             (-102) /* VaR level outside the engine's limits */
+#define ORX_STATUS_UNUSABLE_RETURN       (-103) /* a price too small or a return not finite */
+#define ORX_STATUS_UNUSABLE_VARIANCE     (-104) /* a variance, or a result on one, unusable */
+#define ORX_STATUS_BAD_MOMENT_INDEX      (-1000) /* co-moment index or order out of range */
+
+/* Allocation. */
+#define ORX_STATUS_INFEASIBLE            (-100) /* no feasible portfolio, or data unusable */
+#define ORX_STATUS_INCONSISTENT          (-101) /* the constraints contradict each other */
+#define ORX_STATUS_COV_NOT_PD            (-108) /* cov failed the definiteness test */
+#define ORX_STATUS_INACCURATE            (-109) /* solved point misses a row or bound */
+#define ORX_STATUS_NO_SCALE              (-113) /* Sharpe: the scale variable vanished */
+#define ORX_STATUS_START_VIOLATED        1111   /* feasibility start misses a row (internal) */
+#define ORX_STATUS_AUXILIARY_BUILD       (-8888) /* feasibility problem not built (internal) */
+
+/* Quadratic programming solver, passed on by the allocators. */
+#define ORX_STATUS_NO_FEASIBLE_POINT     1001   /* no point meets the constraints */
+#define ORX_STATUS_ITERATION_LIMIT       1007   /* 2500 passes: last iterate, not optimal */
+#define ORX_STATUS_UNBOUNDED             (-1002) /* no limit to the step: unbounded */
+#define ORX_STATUS_CYCLING               (-1003) /* cycling at a degenerate point */
+#define ORX_STATUS_STEP_TOO_LONG         (-1004) /* a step too long to be trusted */
+#define ORX_STATUS_QP_INVALID_INPUT      (-1005) /* invalid solver input */
+#define ORX_STATUS_EQUALITIES_INCONSISTENT (-1006) /* the equality rows have no solution */
+#define ORX_STATUS_NOTHING_TO_ADD        (-1008) /* a constraint was needed, none was left */
+#define ORX_STATUS_START_ITERATION_LIMIT 10077  /* feasible-point search: iteration limit */
+#define ORX_STATUS_START_INVALID_INPUT   (-10078) /* feasible-point search: invalid input */
+#define ORX_STATUS_REFINE_BAD_LIST       (-18)  /* final refinement: bad working-list entry */
+#define ORX_STATUS_SCALAR_INEQUALITY     (-7)   /* one variable: a void inequality fails */
+#define ORX_STATUS_SCALAR_EQUALITY       (-8)   /* one variable: a void equality fails */
+#define ORX_STATUS_SCALAR_EMPTY          (-9)   /* one variable: no feasible value */
+
+/* Matrix nearness. */
+#define ORX_STATUS_SIMULATOR_STOP        (-1101) /* the minimiser's simulator asked to stop */
+#define ORX_STATUS_MINIMISER_REFUSED     (-1102) /* the minimiser refused its start */
+#define ORX_STATUS_BFGS_FAILED           (-1103) /* the quasi-Newton update failed */
+#define ORX_STATUS_MINIMISER_ITERATIONS  1104   /* iteration limit: best point returned */
+#define ORX_STATUS_MINIMISER_SIMULATIONS 1105   /* evaluation limit: best point returned */
+#define ORX_STATUS_NO_PROGRESS           1106   /* line search stuck: best point returned */
+#define ORX_STATUS_RELEASE_FAILED        (-1107) /* factor update failed releasing a bound */
+#define ORX_STATUS_NO_PROGRESS_AT_ZERO   (-1108) /* line search stuck at a vanishing step */
+#define ORX_STATUS_EQUALITY_MISSED       (-1109) /* an equality misses by more than 1e-5 */
+#define ORX_STATUS_INEQUALITY_VIOLATED   (-1110) /* an inequality violated by more than 1e-5 */
+#define ORX_STATUS_BAD_EIGEN_FLOOR       (-2001) /* eigenvalue floor not in [0, 1 - 1e-15] */
+
 #ifdef __cplusplus
 extern "C" {
 #endif

@@ -14,7 +14,9 @@ import warnings
 STATUS_MESSAGES: dict[int, str] = {
     0: "success",
     -1: "engine not available in this build",
-    -2: "too few observations for the computation",
+    -2: "too few observations for the computation (simulation: a negative horizon)",
+    -3: "the covariance matrix rebuilt from its floored eigenvalues is not finite",
+    -5: "the covariance matrix holds a NaN or an infinity",
     5: "an asset has (near) zero variance: its correlations are set to 0",
     # Return and risk statistics.
     -102: "confidence level outside the engine's limits [1e-8, 0.99999999]",
@@ -71,7 +73,8 @@ STATUS_MESSAGES: dict[int, str] = {
 LAPACK_INFO_EXPORTS: dict[str, tuple[str, frozenset]] = {
     "ORXsimulGeometricBrownianX": (
         "the covariance matrix has no Cholesky factor even after its eigenvalues were "
-        "floored; the paths carry no meaning (LAPACK INFO {status})", frozenset({0})),
+        "floored; the paths carry no meaning (LAPACK INFO {status})",
+        frozenset({0, -2, -3, -5, -104})),
     "ORXmodelingSDLScorr": (
         "the final eigen-decomposition failed (LAPACK DSYEVR INFO {status})",
         frozenset({0, -1, -1102, -2001})),

@@ -12,7 +12,7 @@ namespace lumbra::stats {
 using namespace lumbra::kernels;
 
 namespace {
-constexpr int kStatusBadDimensions = -2;
+constexpr int kStatusBadDimensions = ORX_STATUS_TOO_FEW_OBSERVATIONS;
 }
 
 // 1 / (T - 1) with T - 1 converted to float and divided in float: the
