@@ -9,12 +9,15 @@
  * (an allocator's cov comes back symmetric: its upper triangle is rebuilt
  * from the lower).
  *
- * Return values (all functions but ORXlumbraTest):
+ * Return values (all functions but ORXlumbraTest), named ORX_RETURN_...
+ * below:
  *   0     success, *status is 0
  *   2     a work array could not be obtained; outputs cleared
  *   5     the engine ran and *status is negative (a failure)
  *   6     the engine ran and *status is positive (a warning or partial result)
  *   301+  argument 300+k failed its test; outputs cleared, *status is 0
+ * Every status value is named ORX_STATUS_... below; the README's status
+ * table says what the outputs hold after each.
  *
  * Results are never annualised; value-at-risk figures are return quantiles
  * with their sign (a loss is negative).
@@ -147,8 +150,13 @@ extern "C" {
  * 1.34e154 in magnitude), -101 inconsistent constraints, -109 the solver
  * ended but its point misses a row or bound by more than 1e-8 relative
  * (accuracy lost on degenerate data; weights hold that point), 1007
- * iteration limit, and the solver statuses -1002..-1008, 10077, -10078.
- * A NaN bound fails the scan (308). */
+ * iteration limit, and the solver statuses -1002..-1006, -1008, 10077, -10078.
+ * A NaN bound fails the scan (308).
+ * cov must be symmetric: the definiteness test reads the whole matrix, the
+ * solver only its lower triangle (element [i][j], i > j), and cov comes
+ * back with its upper triangle copied from the lower.  {1, 0, 3, 1} passes
+ * the test (eigenvalues 1 and 1) and is solved as the indefinite
+ * {1, 3, 3, 1}, with return 0.  The same holds for the other allocators. */
 LUMBRA_API int ORXallocMV(int* n, double* cov, double* mu, int* nEq, int* nIneq,
                           double* cons, double* rhs, double* lower, double* upper,
                           double* target, double* weights, int* status);
@@ -239,7 +247,10 @@ LUMBRA_API int ORXanalysisExanteNormalVaR(int* n, double* cov, double* mu,
 /* Modified (Cornish-Fisher) value at risk from a return history
  * returns[nObs][nAssets] (nObs >= 4) and a covariance cov[nAssets][nAssets].
  * 0 < level < 1 (306; NaN is refused).  Statuses -102, -104 (also weights,
- * returns or cov not finite, or a result that is not), -1000, -2. */
+ * returns or cov not finite, or a result that is not), -1000, -2.
+ * Cost: about nObs * nAssets^4 operations (sums over asset tuples); with
+ * nObs = 250 measured 0.003 s for 10 assets, 0.54 s for 40, 18.2 s for
+ * 100. */
 LUMBRA_API int ORXanalysisExanteModifiedVaR(int* nObs, int* nAssets, double* weights,
                                             double* returns, double* cov,
                                             double* level, double* result,
@@ -251,7 +262,11 @@ LUMBRA_API int ORXanalysisExpostReturn(int* n, double* series, double* result,
                                        int* status);
 
 /* Sample standard deviation of series[n].  n >= 2 (301); series (302).
- * Status -104: a result that is not finite. */
+ * Status -104: a result that is not finite.
+ * One-pass formula (sum x^2 - (sum x)^2 / n) / (n - 1): a series far from
+ * zero loses its digits.  {x, x+0.01, x, x+0.01} gives 0.0057735026918963
+ * at x = 0 (exact), 0.0057722609460629 at x = 1e4 and 0.0180421959121758
+ * at x = 1e6.  Pass returns, not price levels. */
 LUMBRA_API int ORXanalysisExpostVolatility(int* n, double* series, double* result,
                                            int* status);
 
@@ -271,7 +286,13 @@ LUMBRA_API int ORXanalysisGaussianKernel(int* nObs, int* nPoints, double* data,
  * covariance has no Cholesky factor even after its eigenvalues were floored,
  * and the paths then carry no shocks.  Failures: -2 a negative horizon;
  * -5 cov holds a NaN or an infinity (the paths hold the start row); -104
- * start or drift not finite, or simulated prices beyond the double range. */
+ * start or drift not finite, or simulated prices beyond the double range.
+ * The generator is reseeded from the clock before every variate: its state
+ * is multiplied by (millisecond of the second - 500), so every variate
+ * drawn during the 500th millisecond of a second is the same value.  One
+ * path of one asset over 8e6 steps held 6,271 repeated increments, 6,254
+ * of them one value.  Paths cannot be reproduced; not for Monte Carlo
+ * estimates. */
 LUMBRA_API int ORXsimulGeometricBrownianX(int* n, int* horizon, int* steps,
                                           double* start, double* drift, double* cov,
                                           double* paths, int* status);
