@@ -13,8 +13,9 @@ import warnings
 # on the export (LAPACK INFO values) are in LAPACK_INFO_EXPORTS below.
 STATUS_MESSAGES: dict[int, str] = {
     0: "success",
-    -2: "too few observations for the computation",
-    -5: "the simulation's covariance matrix holds a NaN or an infinity",
+    -2: "too few observations for the computation (simulation: a negative horizon)",
+    -3: "the covariance matrix rebuilt from its floored eigenvalues is not finite",
+    -5: "the covariance matrix holds a NaN or an infinity",
     5: "an asset has (near) zero variance: its correlations are set to 0",
     # Return and risk statistics.
     -102: "confidence level outside the engine's limits [1e-8, 0.99999999]",
@@ -74,7 +75,7 @@ LAPACK_INFO_EXPORTS: dict[str, tuple[str, frozenset]] = {
     "ORXsimulGeometricBrownianX": (
         "the covariance matrix has no Cholesky factor even after its eigenvalues were "
         "floored; the paths carry no meaning (LAPACK INFO {status})",
-        frozenset({0, -2, -5, -104})),
+        frozenset({0, -2, -3, -5, -104})),
     "ORXmodelingSDLScorr": (
         "the final eigen-decomposition failed (LAPACK DSYEVR INFO {status})",
         frozenset({0, -1102, -2001})),

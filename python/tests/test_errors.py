@@ -39,6 +39,10 @@ def documented_statuses(text):
         part = re.sub(r"(-?\d+)\s*\.\.\s*(-?\d+)", " ", part)
         found.update(v for v in map(int, re.findall(number, part)) if counts(v))
         found.update(int(v) for v in re.findall(r"\bstatus(?:es)?:?\s+" + number, part, re.I))
+    # The named values: #define ORX_STATUS_NAME value, negative ones in
+    # parentheses.
+    found.update(int(v) for v in
+                 re.findall(r"^\s*#\s*define\s+ORX_STATUS_\w+\s+\(?\s*(-?\d+)\s*\)?", text, re.M))
     return found
 
 
@@ -55,11 +59,14 @@ def test_parser_reads_the_header_forms():
     assert documented_statuses(text) == {-108, 1007, -1002, -1003, -1004, 10077, 5, -103,
                                          1104, 1105, -1109, -2001}
     assert documented_statuses("/* n >= 2 (301). */") == set()
+    assert documented_statuses("#define ORX_STATUS_A (-108) /* a */\n"
+                               "#define ORX_STATUS_B      5 /* b */\n"
+                               "#define ORX_RETURN_C    300\n") == {-108, 5}
 
 
 def test_every_documented_status_has_a_message():
     documented = documented_statuses(HEADER.read_text())
-    assert {-108, 1007, -100, -109, 5, -103, -1102, -1109} <= documented  # the parser sees the header
+    assert {-108, 1007, -100, -109, 5, -103, -1102, -1109, -2001, -18} <= documented  # the parser sees the header
     missing = sorted(documented - set(lumbra.STATUS_MESSAGES))
     assert not missing, f"statuses without a message in STATUS_MESSAGES: {missing}"
 

@@ -10,6 +10,7 @@
 #include <cmath>
 
 #include "alloc/alloc_internal.h"
+#include "kernels/widened.h"
 
 namespace lumbra::alloc {
 
@@ -17,7 +18,7 @@ namespace {
 
 // Largest magnitude of a datum: the square root of the largest double, so
 // that the product of any two data is finite.
-constexpr double kDataLimit = 1.3407807929942596e154;
+constexpr double kDataLimit = widened::kSqrtDoubleMax;
 
 // |x(i)| <= kDataLimit for i = 0 .. count-1; false for a NaN.
 bool withinLimit(i64 count, const double* x) {

@@ -6,35 +6,37 @@
 // status last.
 #pragma once
 #include "kernels/index.h"
+#include "kernels/status.h"
+#include "kernels/widened.h"
 
 namespace lumbra::alloc {
 
 // ---- status values --------------------------------------------------------
-inline constexpr int kStatusInfeasible = -100;       // no feasible portfolio
-inline constexpr int kStatusInconsistent = -101;     // solver: constraints inconsistent
-inline constexpr int kStatusNotDefinite = -108;      // covariance failed its test
-inline constexpr int kStatusNoScale = -113;          // Sharpe scale variable vanished
+inline constexpr int kStatusInfeasible = ORX_STATUS_INFEASIBLE;
+inline constexpr int kStatusInconsistent = ORX_STATUS_INCONSISTENT;
+inline constexpr int kStatusNotDefinite = ORX_STATUS_COV_NOT_PD;
+inline constexpr int kStatusNoScale = ORX_STATUS_NO_SCALE;
 // The solver ended normally, but its point misses a constraint or bound by
 // more than the tolerance of allocPointMeets: accuracy lost on degenerate
 // data.  Not "no feasible portfolio" (-100): one may well exist.
-inline constexpr int kStatusInaccurate = -109;
-inline constexpr int kStatusViolated = 1111;         // feasible start: point violates a row
-inline constexpr int kStatusAuxiliaryBuild = -8888;  // auxiliary matrix could not be filled
+inline constexpr int kStatusInaccurate = ORX_STATUS_INACCURATE;
+inline constexpr int kStatusViolated = ORX_STATUS_START_VIOLATED;
+inline constexpr int kStatusAuxiliaryBuild = ORX_STATUS_AUXILIARY_BUILD;
 // Driver status for "no point meets the constraints".
-inline constexpr int kDriverNoFeasiblePoint = 1001;
+inline constexpr int kDriverNoFeasiblePoint = ORX_STATUS_NO_FEASIBLE_POINT;
 
 // ---- constants ------------------------------------------------------------
 // Feasibility tolerance of the checks: single-precision 1e-8.
-inline constexpr double kFeasibilityTol = 9.99999993922529e-9;
+inline constexpr double kFeasibilityTol = widened::k1em8;
 // Its negation, the lower limit of an equality residual.
-inline constexpr double kFeasibilityTolLow = -9.99999993922529e-9;
+inline constexpr double kFeasibilityTolLow = -widened::k1em8;
 // Stand-in for an infinite bound: single-precision 1e15.
-inline constexpr double kHugeBound = 999999986991104.0;
+inline constexpr double kHugeBound = widened::k1e15;
 // Smallest usable scale of the homogeneous Sharpe problem: single-precision 1e-12.
-inline constexpr double kScaleFloor = 9.999999960041972e-13;
+inline constexpr double kScaleFloor = widened::k1em12;
 // Margin by which the first Sharpe stage must beat the risk-free rate:
 // one hundred times single-precision 1e-12.
-inline constexpr double kSharpeMargin = 9.999999960041972e-11;
+inline constexpr double kSharpeMargin = 100.0 * widened::k1em12;
 
 // ---- data test ----------------------------------------------------------------
 

@@ -7,16 +7,17 @@
 
 #include "kernels/index.h"
 #include "kernels/kernels.h"
+#include "kernels/status.h"
 
 namespace lumbra::api {
 
 // Return values of the exports.
-inline constexpr int kReturnOk = 0;
-inline constexpr int kReturnNoMemory = 2;
-inline constexpr int kReturnFailure = 5;
-inline constexpr int kReturnWarning = 6;
+inline constexpr int kReturnOk = ORX_RETURN_OK;
+inline constexpr int kReturnNoMemory = ORX_RETURN_NO_MEMORY;
+inline constexpr int kReturnFailure = ORX_RETURN_FAILURE;
+inline constexpr int kReturnWarning = ORX_RETURN_WARNING;
 // Argument k (1-based) failing its test returns kArgBase + k.
-inline constexpr int kArgBase = 300;
+inline constexpr int kArgBase = ORX_RETURN_ARGUMENT;
 
 // ---- checked size arithmetic ----------------------------------------------
 // A size is a non-negative 64-bit count; kSizeInvalid marks one that

@@ -262,7 +262,7 @@ void matSymmetrise(const int& n, const double* A, double* B) {
 void matSetRow(const int& ld, const int& n, double* A, const double* x, const int& i,
                int& status) {
   if (i <= 0 || i > ld) {
-    status = -2;
+    status = codes::kBadPosition;
     return;
   }
   status = 0;
@@ -276,13 +276,13 @@ void matScatter(const int& n, const double* X, const int& m, const int* idx, dou
   status = 0;
   if (n < 1) return;
   if (m < n) {
-    status = -2;
+    status = codes::kBadPosition;
     return;
   }
   for (i64 i = 0; i < n; ++i) {
     for (i64 j = 0; j < n; ++j) {
       if (idx[j] > m || idx[i] > m) {
-        status = -2;
+        status = codes::kBadPosition;
         return;
       }
       Y[at(idx[j] - 1, idx[i] - 1, m)] = X[at(j, i, n)];
@@ -298,7 +298,7 @@ void matCopyBlock(const int& r, const int& c, const int& ldA, const int& colsA,
                   int& status) {
   if (i64{iA} + r - 1 > ldA || i64{jA} + c - 1 > colsA || i64{iB} + r - 1 > ldB ||
       i64{jB} + c - 1 > colsB) {
-    status = -2;
+    status = codes::kBadPosition;
     return;
   }
   status = 0;

@@ -6,22 +6,24 @@
 // carved by the caller.
 #pragma once
 #include "kernels/index.h"
+#include "kernels/status.h"
+#include "kernels/widened.h"
 
 namespace lumbra::kernels {
 
 // The eigenvalue floor used by packEigenClip and matClippedCholesky: the
 // single-precision value of 1e-30 widened to double.
-inline constexpr double kEigenFloor = 1.0000000031710769e-30;
+inline constexpr double kEigenFloor = widened::k1em30;
 // Threshold of the positive-definiteness test: single-precision 1e-12.
-inline constexpr double kDefiniteThreshold = 9.999999960041972e-13;
+inline constexpr double kDefiniteThreshold = widened::k1em12;
 // INFO of a spectral kernel whose matrix holds a NaN or an infinity.  Such a
 // matrix never reaches LAPACK (reference DSYEVR can loop for ever on a NaN):
 // the kernel reports it as LAPACK reports an illegal argument, minus the
 // position of the matrix in the LAPACK call, so every caller treats it as a
 // hard failure.  The matrix is the fifth argument of DSYEVR and DGEES and
 // the third of DPOTRF.
-inline constexpr int kInfoNotFiniteEigen = -5;
-inline constexpr int kInfoNotFiniteCholesky = -3;
+inline constexpr int kInfoNotFiniteEigen = ORX_STATUS_COV_NOT_FINITE;
+inline constexpr int kInfoNotFiniteCholesky = ORX_STATUS_FACTOR_NOT_FINITE;
 
 // True when the count numbers x(0:count-1) are all finite (true for none).
 bool allFinite(i64 count, const double* x);

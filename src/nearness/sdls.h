@@ -3,32 +3,34 @@
 // nearest correlation matrix, and visible to the tests and benchmarks.
 #pragma once
 #include "kernels/index.h"
+#include "kernels/status.h"
+#include "kernels/widened.h"
 #include "nearness/minimiser.h"
 
 namespace lumbra::nearness {
 
 // Statuses of the nearness engines.
-inline constexpr int kSdlsSimulatorStop = -1101;   // mode 0
-inline constexpr int kSdlsBadCall = -1102;         // mode 2, and an input not finite
-inline constexpr int kSdlsUpdateFailed = -1103;    // mode 3
-inline constexpr int kSdlsIterationLimit = 1104;   // mode 4
-inline constexpr int kSdlsSimulationLimit = 1105;  // mode 5
-inline constexpr int kSdlsNoProgress = 1106;       // mode 6, dxmin(0) large enough
-inline constexpr int kSdlsReleaseFailed = -1107;   // mode 7
-inline constexpr int kSdlsStalled = -1108;         // mode 6, dxmin(0) below resolution
-inline constexpr int kSdlsEqualityMissed = -1109;
-inline constexpr int kSdlsInequalityMissed = -1110;
-inline constexpr int kSdlsFloorOutOfRange = -2001;
+inline constexpr int kSdlsSimulatorStop = ORX_STATUS_SIMULATOR_STOP;   // mode 0
+inline constexpr int kSdlsBadCall = ORX_STATUS_MINIMISER_REFUSED;         // mode 2, and an input not finite
+inline constexpr int kSdlsUpdateFailed = ORX_STATUS_BFGS_FAILED;    // mode 3
+inline constexpr int kSdlsIterationLimit = ORX_STATUS_MINIMISER_ITERATIONS;   // mode 4
+inline constexpr int kSdlsSimulationLimit = ORX_STATUS_MINIMISER_SIMULATIONS;  // mode 5
+inline constexpr int kSdlsNoProgress = ORX_STATUS_NO_PROGRESS;       // mode 6, dxmin(0) large enough
+inline constexpr int kSdlsReleaseFailed = ORX_STATUS_RELEASE_FAILED;   // mode 7
+inline constexpr int kSdlsStalled = ORX_STATUS_NO_PROGRESS_AT_ZERO;         // mode 6, dxmin(0) below resolution
+inline constexpr int kSdlsEqualityMissed = ORX_STATUS_EQUALITY_MISSED;
+inline constexpr int kSdlsInequalityMissed = ORX_STATUS_INEQUALITY_VIOLATED;
+inline constexpr int kSdlsFloorOutOfRange = ORX_STATUS_BAD_EIGEN_FLOOR;
 
 // Shift thresholds: the eigenvalue floor s counts above these (single-
 // precision 1e-15 with equalities alone, and for the correlation matrix;
 // single-precision 1e-30 once inequalities are present).
-inline constexpr double kShiftEqualities = 1.0000000036274937e-15;
-inline constexpr double kShiftInequalities = 1.0000000031710769e-30;
+inline constexpr double kShiftEqualities = widened::k1em15;
+inline constexpr double kShiftInequalities = widened::k1em30;
 // Bound on the multipliers: single-precision 1e20 widened.
-inline constexpr double kDualBound = 1.0000000200408773e+20;
+inline constexpr double kDualBound = double(1e20f);  // 1.0000000200408773e+20
 // Tolerance of the final check of each constraint: single-precision 1e-5.
-inline constexpr double kCheckTolerance = 9.999999747378752e-6;
+inline constexpr double kCheckTolerance = widened::k1em5;
 
 // Real work of one projection (packEigenClip): 3n*n + 27n doubles.
 inline i64 sdlsProjectionWork(i64 n) { return 3 * n * n + 27 * n; }

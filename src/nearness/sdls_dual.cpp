@@ -32,7 +32,7 @@ constexpr double kDecreaseFloor = 1e-15;
 constexpr double kResolution = 1e-10;
 constexpr double kGradientFloor = 1e-6;
 // Below this dxmin(0) a stalled line search counts as a failure.
-constexpr double kStallResolution = 1.0000000036274937e-15;
+constexpr double kStallResolution = widened::k1em15;
 
 // n2qn1's ending as a status of the nearness solvers.
 int statusFromMode(int mode, double dxmin0) {

@@ -4,6 +4,8 @@
 #include <cmath>
 
 #include "kernels/index.h"
+#include "kernels/status.h"
+#include "kernels/widened.h"
 #include "qp/qp.h"
 #include "qp/solver.h"
 
@@ -15,23 +17,24 @@ constexpr int kIterationLimit = 2500;  // passes of the main loop
 constexpr int kColdStart = 1;          // the solver clears x and finds its own start
 constexpr int kPrintLevel = -20;       // nothing is ever printed
 constexpr int kOutputUnit = 6;         // unused, since nothing is printed
-constexpr double kScalarTiny = 1.0000000036274937e-15;  // single-precision 1e-15
+constexpr double kScalarTiny = widened::k1em15;
 
 // Driver status for a raw status of the main iteration; values without an
 // entry pass unchanged.
 int mapStatus(int raw) {
   switch (raw) {
-    case 1: return 1007;      // iteration limit
-    case -1: return -1002;    // unbounded, or no usable curvature
-    case -2: return -1003;    // cycling
-    case -3: return -1004;    // step too long
-    case -4: return -1005;    // invalid input
-    case -11: return -1006;   // feasible-point search: inconsistent equalities
-    case -12: return 1001;    // feasible-point search: no feasible point
-    case -13: return -1003;   // feasible-point search: cycling
-    case -14: return 10077;   // feasible-point search: iteration limit
-    case -15: return -1008;   // bad search arguments, or nothing to add
-    case -16: return -10078;
+    case codes::kMainIterationLimit: return ORX_STATUS_ITERATION_LIMIT;
+    case codes::kMainUnbounded: return ORX_STATUS_UNBOUNDED;  // or no usable curvature
+    case codes::kMainCycling: return ORX_STATUS_CYCLING;
+    case codes::kMainStepTooLong: return ORX_STATUS_STEP_TOO_LONG;
+    case codes::kMainInvalidInput: return ORX_STATUS_QP_INVALID_INPUT;
+    case codes::kMainSearchEqualities: return ORX_STATUS_EQUALITIES_INCONSISTENT;
+    case codes::kMainSearchNoPoint: return ORX_STATUS_NO_FEASIBLE_POINT;
+    case codes::kMainSearchCycling: return ORX_STATUS_CYCLING;
+    case codes::kMainSearchIterationLimit: return ORX_STATUS_START_ITERATION_LIMIT;
+    // Bad search arguments and "nothing to add" share the raw value.
+    case codes::kMainSearchInvalidInput: return ORX_STATUS_NOTHING_TO_ADD;
+    case codes::kMainSearchSix: return ORX_STATUS_START_INVALID_INPUT;
     default: return raw;
   }
 }
@@ -87,7 +90,7 @@ void qpScalarInterval(const int& me, const int& mi, const double* C, const doubl
     if (std::fabs(a) > kScalarTiny) {
       const double v = b / a;
       if (v < lo || v > hi) {
-        status = -9;
+        status = ORX_STATUS_SCALAR_EMPTY;
         return;
       }
       lo = v;
@@ -95,7 +98,7 @@ void qpScalarInterval(const int& me, const int& mi, const double* C, const doubl
       break;
     }
     if (std::fabs(b) > kScalarTiny) {
-      status = -8;
+      status = ORX_STATUS_SCALAR_EQUALITY;
       return;
     }
   }
@@ -109,13 +112,13 @@ void qpScalarInterval(const int& me, const int& mi, const double* C, const doubl
       const double v = b / a;
       if (v > lo) lo = v;
     } else if (b < -kScalarTiny) {
-      status = -7;
+      status = ORX_STATUS_SCALAR_INEQUALITY;
       return;
     }
   }
   low = lo;
   high = hi;
-  if (lo - kScalarTiny > hi) status = -9;
+  if (lo - kScalarTiny > hi) status = ORX_STATUS_SCALAR_EMPTY;
 }
 
 // x := argmin 1/2 h x^2 + c x over the feasible interval; for h not

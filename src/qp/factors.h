@@ -22,6 +22,7 @@
 // the upper bound of x_i, -i its lower bound, n + j inequality row j), the
 // values stored in ipvt.  Only memory is reached 0-based, through at().
 #pragma once
+#include "kernels/widened.h"
 
 namespace lumbra::qp {
 
@@ -30,7 +31,7 @@ constexpr double kPrecision = 2.220446049250313e-16;        // DLAMCH('P')
 constexpr double kPrecision075 = 1.8189894035458565e-12;    // P^0.75
 constexpr double kPrecision09 = 8.161999731219579e-15;      // P^0.8999999761581421 (0.9f)
 constexpr double kOverflow = 1.7976931348623157e308;        // DLAMCH('O')
-constexpr double kSqrtOverflow = 1.3407807929942596e154;    // sqrt(DLAMCH('O'))
+constexpr double kSqrtOverflow = widened::kSqrtDoubleMax;   // sqrt(DLAMCH('O'))
 constexpr double kInverseSqrtPrecision = 67108864.0;        // 1 / sqrt(P)
 
 // Fatal trap for a caller's bug: writes "INCORRECT LIST OF CALLING IN

@@ -6,6 +6,7 @@
 
 #include "kernels/blas.h"
 #include "kernels/index.h"
+#include "kernels/status.h"
 #include "qp/factors.h"
 #include "qp/products.h"
 #include "qp/solver.h"
@@ -460,7 +461,7 @@ int startPoint(const Problem& p, const StartMode& mode, double* Q, int ldq, doub
   double* scratch = w + p.n;           // Householder vector of ANFM01
   double* reduced = w + 2 * i64{p.n};  // right-hand sides and multipliers
   factorEqualities(p, Q, ldq, R, ldr, scratch, list, kcur, channel);
-  if (!solveEqualities(p, Q, ldq, R, ldr, list, kcur, reduced, x)) return -1;
+  if (!solveEqualities(p, Q, ldq, R, ldr, list, kcur, reduced, x)) return codes::kSearchEqualities;
   kact = kcur;
   if (mode.readStates) enterGivenStates(p, Q, ldq, R, ldr, scratch, list, IRE, kact, channel);
   if (mode.stopAfterFactors) return 1;
@@ -501,13 +502,13 @@ int descentPass(const Problem& p, double* Q, int ldq, double* R, int ldr, double
   const double* d = w + n;
   const double* res = w + 3 * n;
   double* prod = w + 3 * n + p.mi;
-  if (descentDirection(p, Q, ldq, R, ldr, kact, kcur, w, st, channel) != 0) return -2;
+  if (descentDirection(p, Q, ldq, R, ldr, kact, kcur, w, st, channel) != 0) return codes::kSearchNoPoint;
   if (st.dropPlace != 0) st.dropped = list[st.dropPlace - 1];
 
   const int hit = degenerateHit(p, x, w, prod, IRE);
   double a = 0.0;
   if (hit != 0) {
-    if (!recordDegenerateHit(st, hit, kact)) return -3;
+    if (!recordDegenerateHit(st, hit, kact)) return codes::kSearchCycling;
   } else {
     st.hits = 0;
     st.lastHit = 0;
@@ -597,7 +598,7 @@ void OPTR01(const double* C, const int& ldc, double* Q, const int& ldq, double* 
   kact = 0;
   kcur = 0;
   if (!argumentsValid(p, ldq, ldr, ind, IRE)) {
-    status = -5;
+    status = codes::kSearchInvalidInput;
     return;
   }
   const StartMode mode = decodeStartMode(ind);
@@ -623,7 +624,7 @@ void OPTR01(const double* C, const int& ldc, double* Q, const int& ldq, double* 
                     found);
     if (found == 0) return;
     if (kact == kcur) {
-      status = -2;  // only equalities to work with, and still infeasible
+      status = codes::kSearchNoPoint;  // only equalities to work with, and still infeasible
       return;
     }
     ++iterations;
@@ -633,7 +634,7 @@ void OPTR01(const double* C, const int& ldc, double* Q, const int& ldq, double* 
       return;
     }
     if (iterations > limit) {
-      status = -4;
+      status = codes::kSearchIterationLimit;
       return;
     }
   }

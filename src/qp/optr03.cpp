@@ -9,6 +9,7 @@
 
 #include "kernels/blas.h"
 #include "kernels/index.h"
+#include "kernels/status.h"
 #include "qp/factors.h"
 #include "qp/products.h"
 #include "qp/solver.h"
@@ -165,7 +166,7 @@ int deleteConstraint(Loop& L) {
     --L.kact;
     ++L.nz;
     factorAfresh(L, L.added);
-    if (L.st == L.n) return -1;
+    if (L.st == L.n) return codes::kMainUnbounded;
   }
   --L.workingSize;
   L.stepMode = 1;
@@ -194,7 +195,7 @@ int multipliersAndDeletion(Loop& L) {
   if (zero)
     for (i64 j = 0; j < k; ++j) saved[j] = L.mult[j];
   if (L.gradCount > 0) L.gradCount = 0;
-  if (deleteConstraint(L) != 0) return -1;
+  if (deleteConstraint(L) != 0) return codes::kMainUnbounded;
   if (std::fabs(L.minMult) > kPrecision075) return 10;
   // A zero multiplier: the constraint stays out.
   if (L.st < 0 || L.st > L.nz) {
@@ -255,7 +256,7 @@ int survivingRank(int st, int nz) {
 // Adds the blocking constraint e to Q, R and updates T.  Returns -15 when
 // there is none, -1 when the new factor has no usable curvature.
 int addConstraint(Loop& L, int e) {
-  if (e == 0 || L.kact >= L.n) return -15;
+  if (e == 0 || L.kact >= L.n) return codes::kMainNothingToAdd;
   const i64 ae = e < 0 ? -e : e;
   const double t11 = L.nz >= 1 ? T(L)[0] : 0.0;  // old T(0,0), overwritten by ANFM04
   ++L.kact;
@@ -292,7 +293,7 @@ int addConstraint(Loop& L, int e) {
              L.n, L.st, L.added, L.channel);
       takeMarker(L);
     }
-    if (L.st == L.n) return -1;
+    if (L.st == L.n) return codes::kMainUnbounded;
   }
   --L.nz;
   return 0;
@@ -369,7 +370,7 @@ int stepAndUpdate(Loop& L) {
     double* w = L.G;  // qpStepLength reads the layout starting at the gradient
     int kind = L.stepKind;
     qpStepLength(L.CI, L.CS, L.x, L.alpha, w, L.IRE, entering, L.ibnd, L.n, L.mi, kind);
-    if (kind == -1) return -1;
+    if (kind == -1) return codes::kMainUnbounded;
     if (kind == 0) {
       zeroStep = true;
       kind = 2;
@@ -379,7 +380,7 @@ int stepAndUpdate(Loop& L) {
   L.list[L.kact] = entering;
 
   if (zeroStep) {
-    if (!countZeroStep(L, entering)) return -2;
+    if (!countZeroStep(L, entering)) return codes::kMainCycling;
   } else {
     takeStep(L, p, frozen);
   }
@@ -414,7 +415,7 @@ int startSolve(Loop& L, double* w, int level) {
   int s01 = 0;
   OPTR01(L.C, L.ldc, L.Q, L.ldq, R(L), L.ldh, L.CI, L.CS, L.b, L.x, w, L.list, L.IRE, L.ibnd,
          L.n, L.kact, L.me, L.kcur, L.mi, s01, level, L.channel, kFeasibleStartMode);
-  if (s01 < 0) return s01 - 10;
+  if (s01 < 0) return s01 + codes::kMainSearchShift;
   for (i64 j = 0; j < L.mi; ++j) L.res[j] = w[3 * n + j];
   L.startSize = L.workingSize = L.kact;
   if (L.kact == L.n) {
@@ -426,7 +427,7 @@ int startSolve(Loop& L, double* w, int level) {
   L.nz = L.n - L.kact;
   L.vertex = false;
   factorAfresh(L, 0);
-  if (L.st == L.n && L.workingSize == L.startSize) return -1;
+  if (L.st == L.n && L.workingSize == L.startSize) return codes::kMainUnbounded;
   return 0;
 }
 
@@ -525,12 +526,12 @@ void OPTR03(const double* C, const int& ldc, double* Q, const int& ldq, double* 
   L.channel = channel;
   status = 0;
   if (!entryValid(L, ind, level)) {
-    status = -4;
+    status = codes::kMainInvalidInput;
     return;
   }
   if (ind != 6) {
     // Only the cold start is built.
-    status = -4;
+    status = codes::kMainInvalidInput;
     return;
   }
   const i64 nn = n;
@@ -556,7 +557,7 @@ void OPTR03(const double* C, const int& ldc, double* Q, const int& ldq, double* 
     if (L.stepKind >= 2) {
       const Verdict v = testOptimality(L);
       if (v == Verdict::Failed) {
-        status = -1;
+        status = codes::kMainUnbounded;
         break;
       }
       if (v == Verdict::Optimal) break;
@@ -570,13 +571,13 @@ void OPTR03(const double* C, const int& ldc, double* Q, const int& ldq, double* 
     if (L.stepKind == 11) {
       // a step so long that the problem counts as unbounded
       wantObjective = storeObjective(L, w);
-      status = -3;
+      status = codes::kMainStepTooLong;
       break;
     }
     closePass(L);
     ++iterations;
     if (iterations > limit) {
-      status = 1;
+      status = codes::kMainIterationLimit;
       break;
     }
   }

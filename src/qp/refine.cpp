@@ -5,6 +5,7 @@
 
 #include "kernels/blas.h"
 #include "kernels/index.h"
+#include "kernels/status.h"
 #include "qp/factors.h"
 #include "qp/solver.h"
 
@@ -78,7 +79,7 @@ void qpRefine(const double* Q, const int& ldq, const double* R, const int& ldr,
     double rhs = 0.0;
     if (j < kcur) {
       if (c < 1) {
-        status = -18;
+        status = ORX_STATUS_REFINE_BAD_LIST;
         return;
       }
       rhs = b[c - 1];

@@ -1,6 +1,7 @@
 // Simulation: correlated geometric Brownian paths on the library's random
 // source.
 #pragma once
+#include "kernels/status.h"
 
 namespace lumbra::simul {
 
@@ -8,8 +9,8 @@ namespace lumbra::simul {
 // kInfoNotFiniteEigen or kInfoNotFiniteCholesky for a covariance holding a
 // NaN or an infinity): a negative horizon or no time point, and a start
 // price, a drift or a simulated price that is not a finite number.
-inline constexpr int kStatusBadTime = -2;
-inline constexpr int kStatusNotFinite = -104;
+inline constexpr int kStatusBadTime = ORX_STATUS_NEGATIVE_HORIZON;
+inline constexpr int kStatusNotFinite = ORX_STATUS_UNUSABLE_VARIANCE;
 
 // paths (column-major steps by n) of a geometric Brownian motion with time
 // step horizon / steps.  A negative horizon (kStatusBadTime) or a start or

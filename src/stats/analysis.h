@@ -1,23 +1,25 @@
 // Risk analysis: ex-ante return, volatility, normal and modified value at
 // risk, ex-post return and volatility, Gaussian kernel density.
 #pragma once
+#include "kernels/status.h"
+#include "kernels/widened.h"
 
 namespace lumbra::stats {
 
 // Engine statuses of the analysis routines.
-inline constexpr int kStatusBadSize = -2;
-inline constexpr int kStatusBadLevel = -102;
-inline constexpr int kStatusZeroVariance = -104;
+inline constexpr int kStatusBadSize = ORX_STATUS_TOO_FEW_OBSERVATIONS;
+inline constexpr int kStatusBadLevel = ORX_STATUS_BAD_LEVEL;
+inline constexpr int kStatusZeroVariance = ORX_STATUS_UNUSABLE_VARIANCE;
 // The calls' statuses for data or results that are not finite numbers:
 // -103 where the result is a return (as for a price below the return
 // series' floor), -104 where it rests on a variance.
-inline constexpr int kStatusUnusableReturn = -103;
+inline constexpr int kStatusUnusableReturn = ORX_STATUS_UNUSABLE_RETURN;
 inline constexpr int kStatusUnusableVariance = kStatusZeroVariance;
-inline constexpr int kStatusBadIndex = -1000;
+inline constexpr int kStatusBadIndex = ORX_STATUS_BAD_MOMENT_INDEX;
 
 // Confidence levels the value-at-risk engines accept: the single-precision
 // value of 1e-8 widened to double, and 1 - 1e-8 as a double.
-inline constexpr double kLevelLow = 9.99999993922529e-9;
+inline constexpr double kLevelLow = widened::k1em8;
 inline constexpr double kLevelHigh = 0.9999999900000001;
 
 // ---- ex-ante measures from given moments -----------------------------------

@@ -13,7 +13,7 @@ namespace lumbra::stats {
 using namespace lumbra::kernels;
 
 namespace {
-constexpr int kStatusBadDimensions = -2;
+constexpr int kStatusBadDimensions = ORX_STATUS_TOO_FEW_OBSERVATIONS;
 // Side of the tiles in which the centring transposes the table.
 constexpr i64 kCentreTile = 32;
 

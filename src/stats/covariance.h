@@ -1,5 +1,6 @@
 // Sample covariance and correlation of a column-major T by n table X.
 #pragma once
+#include "kernels/status.h"
 
 namespace lumbra::stats {
 
@@ -7,7 +8,7 @@ namespace lumbra::stats {
 // correlation divides by: the double nearest 1e-30.
 inline constexpr double kCorrelationFloor = 1e-30;
 // Engine status of a correlation with an asset of (near) zero variance.
-inline constexpr int kStatusDegenerateAsset = 5;
+inline constexpr int kStatusDegenerateAsset = ORX_STATUS_DEGENERATE_ASSET;
 
 // 1 / (T - 1) computed in single precision and widened: part of the
 // estimator's results.

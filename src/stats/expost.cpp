@@ -2,6 +2,7 @@
 #include <cmath>
 
 #include "kernels/index.h"
+#include "kernels/widened.h"
 #include "stats/analysis.h"
 
 namespace lumbra::stats {
@@ -9,7 +10,7 @@ namespace lumbra::stats {
 namespace {
 // Variances below the single-precision value of 1e-30 (widened) count as
 // zero; this also absorbs a small negative value left by cancellation.
-constexpr double kVarianceFloor = 1.0000000031710769e-30;
+constexpr double kVarianceFloor = widened::k1em30;
 }  // namespace
 
 // Sample standard deviation in one pass: v = (sum x^2 - (sum x)^2 / n) / (n - 1).

@@ -2,6 +2,7 @@
 #include <cmath>
 
 #include "kernels/index.h"
+#include "kernels/widened.h"
 #include "stats/analysis.h"
 
 namespace lumbra::stats {
@@ -10,8 +11,8 @@ namespace {
 // Bandwidth rule h = 1.059 sigma n^(-1/5): the factor and the exponent are
 // single-precision values (1.059 and 0.2 as floats), the power is taken in
 // single precision.
-constexpr double kBandwidthFactor = 1.059000015258789;
-constexpr float kBandwidthExponent = 0.20000000298023224f;
+using widened::kBandwidthExponent;
+using widened::kBandwidthFactor;
 // Kernel normalisation; close to, but not exactly, 1 / sqrt(2 pi).
 constexpr double kKernelNorm = 0.3989422748506426;
 

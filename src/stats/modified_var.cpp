@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "kernels/kernels.h"
+#include "kernels/widened.h"
 #include "stats/analysis.h"
 #include "stats/covariance.h"
 #include "stats/normal.h"
@@ -16,11 +17,11 @@ namespace {
 
 // Below this sample variance (the single-precision value of 1e-30, widened)
 // the expansion has no scale.
-constexpr double kVarianceFloor = 1.0000000031710769e-30;
+constexpr double kVarianceFloor = widened::k1em30;
 // Expansion coefficients 1/6, 1/24, 1/36 as single-precision values, widened.
-constexpr double kSixth = 0.1666666716337204;
-constexpr double kTwentyFourth = 0.0416666679084301;
-constexpr double kThirtySixth = 0.02777777798473835;
+using widened::kSixth;
+using widened::kThirtySixth;
+using widened::kTwentyFourth;
 
 // The four sums below add, in one running accumulator, the products
 // y(a1) y(a2) ... y(aq) over all index tuples, t outermost and a1 before a2

@@ -4,12 +4,13 @@
 #include <cmath>
 
 #include "kernels/index.h"
+#include "kernels/status.h"
 
 namespace lumbra::stats {
 namespace {
 
-constexpr int kStatusBadDimensions = -2;
-constexpr int kStatusTinyPrice = -103;
+constexpr int kStatusBadDimensions = ORX_STATUS_TOO_FEW_OBSERVATIONS;
+constexpr int kStatusTinyPrice = ORX_STATUS_UNUSABLE_RETURN;
 
 // R(t,j) := f(P(t+lag,j), P(t,j)) for t = 0 .. T-lag-1, asset by asset;
 // stops with -103 at the first denominator below floor.
