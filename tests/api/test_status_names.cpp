@@ -54,7 +54,7 @@ constexpr Named kStatuses[] = {
     {"INEQUALITY_VIOLATED", ORX_STATUS_INEQUALITY_VIOLATED},
     {"BAD_EIGEN_FLOOR", ORX_STATUS_BAD_EIGEN_FLOOR},
 };
-constexpr int kExpected[] = {0,     -1,    -2,    -2,     -3,   -5,    5,     -102,  -103,
+constexpr int kExpected[] = {0,     -2,    -2,     -3,   -5,    5,     -102,  -103,
                              -104,  -1000, -100,  -101,   -108, -109,  -113,  1111,  -8888,
                              1001,  1007,  -1002, -1003,  -1004, -1005, -1006, -1008, 10077,
                              -10078, -18,  -7,    -8,     -9,   -1101, -1102, -1103, 1104,
