@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The project's two entry points on a fresh Debian 12 machine:
 #   ./run.sh demo          builds the library and runs the demo on the sample data
 #   ./run.sh test [STAGE]  builds everything and runs the whole test suite, in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The three allocators at n = 50, 200, 500 on the problems written by
 // bench/peers/alloc_problems.py (directory in LUMBRA_ALLOC_BENCH_DIR, default
 // /tmp/lumbra_alloc_bench), which the cvxopt and quadprog peers solve too.

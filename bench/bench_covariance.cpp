@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample covariance through the export (frame, layout conversion, centring,
 // Gram product, scale) at T = 2500 observations; the peer is numpy's cov on
 // the same data and BLAS (bench/peers/covariance_numpy.py).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Matrix nearness: the nearest correlation matrix through ORXmodelingSDLScorr
 // on "hard" targets (unit diagonal, uniform off-diagonal entries, about half
 // the eigenvalues negative) and "mild" ones (a sample correlation matrix with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The QP driver on long-only mean-variance problems: budget equality,
 // return row, bounds 0 <= w <= u, at n = 50, 200, 500, 1000.  The peers
 // (cvxopt's qp, R's quadprog::solve.QP) solve the same problems, which this

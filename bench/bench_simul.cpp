@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Speed of the random source and of the path simulation: uniforms, the
 // clock read and reseed that precede every normal variate, variates with
 // and without the reseed, and whole paths of 50 assets over 10^4 time

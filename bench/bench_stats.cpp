@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Risk statistics: Gaussian kernel density (10^4 observations at 10^3
 // points) and the Cornish-Fisher VaR, whose cost is the fourth-moment tuple
 // sum of T n^4 terms.  Run with OPENBLAS_NUM_THREADS=1.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs every benchmark and each of its peers on the reference BLAS/LAPACK
 and on the system's default BLAS (OpenBLAS), one thread, and prints the
 tables of bench/README.md.

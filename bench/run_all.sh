@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Builds the benchmarks and runs every one of them with its peers, first on
 # Debian's reference BLAS/LAPACK, then on the system's default BLAS
 # (OpenBLAS), one thread each, and prints the tables of bench/README.md.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Install rules: the shared library, the header, a CMake package
 # (find_package(orx-lumbra) gives orx-lumbra::lumbra) and a pkg-config file.
 include(CMakePackageConfigHelpers)
@@ -8,6 +9,7 @@ install(TARGETS lumbra EXPORT orx-lumbra-targets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/lumbra.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(LUMBRA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/orx-lumbra)
 install(EXPORT orx-lumbra-targets NAMESPACE orx-lumbra:: DESTINATION ${LUMBRA_CMAKE_DIR})

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * lumbra: numerical library for quantitative portfolio work.
  *

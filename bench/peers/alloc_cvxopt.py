@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """cvxopt peer of the allocator benchmark: the same three problems as
 bench_alloc (minimum variance at a target, tracking error, maximum Sharpe
 ratio through its homogeneous QP in (y, tau)), solved by cvxopt.solvers.qp

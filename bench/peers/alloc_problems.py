@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Writes the allocator benchmark problems, shared by lumbra's benchmark and
 its peers so that all solve identical data.
 

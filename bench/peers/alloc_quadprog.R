@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # quadprog peer of the allocator benchmark: the same three problems as
 # bench_alloc, solved by quadprog::solve.QP (Goldfarb-Idnani dual active
 # set).  quadprog needs a positive definite Hessian, so the homogeneous

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Peer of bench_covariance: numpy.cov on a T = 2500 by n table (same BLAS,
 run with OPENBLAS_NUM_THREADS=1).  Prints the best of several timings, in
 process CPU time."""

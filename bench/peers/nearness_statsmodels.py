@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Peer of bench_nearness: the nearest correlation matrix by
 ORXmodelingSDLScorr (through ctypes, LUMBRA_LIBRARY) and by statsmodels'
 corr_nearest (alternating projections), on the same targets, in the same

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Peer of bench_qp: cvxopt's qp on the mean-variance problems written by
 `bench_qp --dump=DIR`.  Usage: OPENBLAS_NUM_THREADS=1 /usr/bin/python3
 bench/peers/qp_cvxopt.py DIR.  Prints n, iterations and the fastest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Peer of bench_qp: quadprog::solve.QP on the mean-variance problems written
 # by `bench_qp --dump=DIR`.  Usage: OPENBLAS_NUM_THREADS=1 Rscript
 # bench/peers/qp_quadprog.R DIR.  Prints n, iterations and the fastest batch

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Peer of BM_GaussianKernel: scipy.stats.gaussian_kde evaluated at the same
 10^3 points on 10^4 observations (same pseudo-returns, same bandwidth rule).
 Run with OPENBLAS_NUM_THREADS=1 and /usr/bin/python3."""

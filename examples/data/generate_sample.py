@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Generates the demo's sample universe: 8 fictitious assets, 505 daily
 closing prices (two years of returns), written as examples/demo/sample_data.c.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The demo: the main job of the library on its sample universe.  Each
  * section is a file of its own and prints one part of the report. */
 #ifndef LUMBRA_DEMO_H

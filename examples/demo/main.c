@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* lumbra demo: models the sample universe, analyses its risk, simulates it
  * and builds its efficient frontier, all through the library's C exports.
  * Usage: lumbra_demo [output-directory]   (default: the current directory) */

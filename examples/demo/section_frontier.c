@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Demo section: the efficient frontier of the sample universe (long-only,
  * fully invested), its maximum-Sharpe portfolio, and an SVG picture of both
  * with the single assets marked. */

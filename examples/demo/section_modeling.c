@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Demo section: daily returns, their means, covariance and correlation. */
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Demo section: a stress scenario on the sample correlation matrix.  A risk
  * manager overrides a few correlations by hand; the overridden matrix is no
  * longer positive semi-definite, so no covariance built from it can be

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Demo section: risk of an equally weighted portfolio of the sample assets:
  * expected return, volatility, normal and modified value at risk at 95% and
  * 99%, ex-post measures of its realised returns and their kernel density. */

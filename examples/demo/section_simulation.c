@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Demo section: one simulated year of the sample assets, a joint geometric
  * Brownian path from their estimated daily drift and covariance. */
 #include <stdio.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The demo's efficient frontier from Python: loads the sample universe
 (eight fictitious assets, 505 daily prices), prints the maximum-Sharpe
 portfolio and writes the frontier picture as a PNG.

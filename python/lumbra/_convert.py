@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Turning Python inputs into the private, row-major float64 arrays the
 library takes, with the labels of pandas inputs kept for the results.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Exceptions and warnings, the one table of status messages, and the
 translation of an export's return value and status into them.
 

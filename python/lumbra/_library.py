@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Finding and loading the shared library, and the ctypes prototypes of its
 18 exports.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """One function per export of the library, for numpy and pandas users.
 
 Conventions: matrices are given the usual way (one row per observation or

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Beyond one call: the efficient frontier, its picture, and weights over a
 rolling window of returns (the everyday back-test loop)."""
 from __future__ import annotations

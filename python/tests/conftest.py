@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Shared data and helpers of the package tests: a small universe, direct
 ctypes calls of the exports (the results the wrappers must reproduce bit
 for bit), and the skip for an engine the library reports as not built."""

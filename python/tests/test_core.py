@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Every wrapper against the export it wraps (bit for bit: the same data
 reach the same code) and against independent references from numpy, scipy
 and cvxopt where they overlap."""

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The status table against the header, and every error path: argument
 failures named, solver failures, warnings, memory, unknown values."""
 import pathlib

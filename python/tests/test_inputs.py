@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Inputs as Python users hold them: any real dtype and layout, lists,
 pandas objects (labels kept, reordered to match), and bad input refused
 before the call; the caller's arrays are never modified."""

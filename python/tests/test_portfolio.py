@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The efficient frontier, its picture and rolling weights."""
 import matplotlib
 import numpy as np

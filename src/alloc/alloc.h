@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Portfolio allocators: minimum variance at a target return, smallest
 // tracking error at a target excess return, largest Sharpe ratio.  All
 // matrices column-major; cons holds one constraint per column (leading

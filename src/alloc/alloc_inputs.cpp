@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The test of the allocators' data that precedes all their arithmetic.  A
 // NaN or an infinity in the returns, the constraints or the return targets
 // would not stop the solver: NaN comparisons are false, so a row with a NaN

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internal routines of the allocators: the solver-form builders, the
 // feasibility start, the verification of a point and the shared tail of
 // the mean-variance and tracking-error problems.  Same conventions as the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mean-variance and tracking-error allocators.  Both minimise a quadratic
 // in the weights under the caller's constraints and bounds plus one return
 // row, mu' w >= target, which enters the solver turned round as the last

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Maximum Sharpe ratio.  The ratio (mu' w - r_f) / sqrt(w' Sigma w) is not
 // concave, but with y = tau w and the scale tau chosen so that the excess
 // return of y is one, maximising it is the same as minimising y' Sigma y:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feasibility start and verification of a point.  Before a portfolio
 // problem is solved, a linear problem in one extra variable decides whether
 // its constraints can be met at all; the point that comes back is checked

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The closing check of the mean-variance and Sharpe-ratio results.  The
 // solver keeps its working constraints satisfied only as well as its
 // factors allow; on exactly degenerate data (tied values, zero-width

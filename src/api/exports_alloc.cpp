@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exports of the portfolio allocators.
 #include "alloc/alloc.h"
 #include "alloc/alloc_internal.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exports of the risk-analysis family.
 #include "api/frame.h"
 #include "kernels/kernels.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exports of the data-modelling family: return series, covariance,
 // correlation and matrix nearness.
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exports of the simulation family and the version probe.
 #include "api/frame.h"
 #include "lumbra.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Frame services shared by the exports.
 #include "api/frame.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The call frame shared by every export: clearing of the outputs, work
 // arrays from closed 64-bit size formulas, in-place layout conversion
 // between the caller's row-major and the engine's column-major matrices,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fortran BLAS and LAPACK entry points used by the engine, declared by
 // their standard symbols so that any implementation (reference, OpenBLAS)
 // links.  Character arguments carry their hidden lengths at the end, as

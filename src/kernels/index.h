@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Index helpers shared by the whole engine.  Matrices are column-major;
 // all loops run over 0-based indices and reach memory through these two
 // helpers only.

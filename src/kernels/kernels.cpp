@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Dense matrix kernels on BLAS and LAPACK.
 #include "kernels/kernels.h"
 

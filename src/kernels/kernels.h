@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Dense matrix kernels: the small vocabulary of vector, matrix, packed and
 // spectral operations the engine is written in.  Sizes and scalars are
 // passed by reference, arrays by pointer; results go to the last arguments.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine's status values.  Every value that leaves the engine is one of
 // the public names of lumbra.h (ORX_STATUS_...), used as they stand.  The
 // codes below stay inside: the solver's raw results, which qpDriver maps

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tolerances and factors the library fixes as single-precision numbers
 // and then uses in double precision.  Each float literal is written here
 // once and widened exactly (a float converts to double without rounding),

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Operations on the partitioned Hessian approximation of n2qn1: solves with
 // the LDL' factor of the free block, rank-one modifications (which may
 // pass through a singular matrix), and the transfer of one variable out of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Line search nlis0 of the minimiser n2qn1: a step satisfying the two Wolfe
 // conditions, found by bracketing between a lower end tg (descent test met,
 // slope still too steep) and an upper end td (descent test failed), with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bound-constrained quasi-Newton minimiser n2qn1: a projected BFGS
 // method holding the variables either free or active at a bound, with the
 // Hessian approximation of the free block kept as an LDL' factor, steps

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bound-constrained quasi-Newton minimiser n2qn1 and its simulator
 // contract, shared by the minimiser and the dual problems of the nearness
 // solvers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internals of the bound-constrained minimiser n2qn1: the storage of its
 // Hessian approximation, the factor operations on it, the line search nlis0
 // and the stages of the main iteration.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Matrix nearness: the nearest symmetric matrix under an eigenvalue floor
 // and linear constraints, and the nearest correlation matrix.
 #pragma once

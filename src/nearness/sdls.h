@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Semi-definite least squares through its dual: the routines below the two
 // engine entries of nearness.h, shared by the general solver and the
 // nearest correlation matrix, and visible to the tests and benchmarks.

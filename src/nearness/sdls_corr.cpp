@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The nearest correlation matrix: X symmetric with unit diagonal and
 // eigenvalues at least s, nearest to the target C.  With
 // X = (1 - s) Y + s I the floor is taken out by a shift and a scaling, Y is

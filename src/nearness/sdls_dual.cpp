@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The dual functions of the nearness problems and the driver of the
 // minimiser.  Each evaluation of a dual is one projection on the cone of
 // semi-definite matrices: with S(z) the target plus the combination of the

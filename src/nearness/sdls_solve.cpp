@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Semi-definite least squares: the symmetric X nearest to a target C with
 // trace(sym(A(i)) X) = b(i), l(j) <= trace(sym(B(j)) X) <= u(j) and
 // X - s I semi-definite.  With Y = X - s I the problem is the projection

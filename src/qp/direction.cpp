@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Search direction of the active-set QP solver in the null space of the
 // working set, and the small triangular solves it shares with the rest of
 // the solver.

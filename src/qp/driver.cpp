@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The QP driver: fixed solver settings, the one-variable case, the
 // arrangement of the data for the main iteration and the mapping of its raw
 // result to the status values the allocators pass on.

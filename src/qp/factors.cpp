@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Orthogonal factor of the active normals and Cholesky-type factor of the
 // reduced Hessian: construction, addition of a constraint (ANFM01, ANFM03,
 // ANFM04, ANFM05), deletion (ANFM02, ANFM06).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Factors of the active-set QP solver, its search direction and its ratio
 // test.
 //

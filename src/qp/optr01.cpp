@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feasible point search of the QP solver: least-norm solution of the
 // equalities, a start vertex from the nearest bounds and rows, then an
 // active-set descent on the sum of infeasibilities whose step may run over

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Main iteration of the active-set QP solver.  From the feasible point and
 // working set of OPTR01 it alternates between a step in the null space Z of
 // the working set (Newton, null-curvature or negative-curvature, chosen by

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Dot products and matrix-vector products of the QP solver, several at a
 // time.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Active-set quadratic programming: the one entry of the solver.
 //
 // Minimise 1/2 x'Hx + c'x subject to C_j'x = d_j (j < me), C_j'x <= d_j

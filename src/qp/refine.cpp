@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Closing measures of the QP solver: refinement of x against the working
 // set, the largest constraint violation, the objective value and the
 // largest absolute entry.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The active-set QP solver above its factor routines: feasible point search,
 // main iteration, final refinement and the driver that maps results to the
 // allocators' status values.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ratio test of the active-set QP solver: how far x may move along p before
 // an inactive bound or inequality row is reached, and which one it is.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Correlated geometric Brownian paths by the simple-return Euler scheme:
 // S(t+1) = S(t) (1 + drift dt + sqrt(dt) (L z)) element by element, with
 // L L' the covariance after its eigenvalues are floored.  There is no

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The random source: combined congruential uniforms (two Schrage-factored
 // multiplicative generators whose difference is taken modulo the first
 // modulus), a clock-driven reseed before every normal variate, and the

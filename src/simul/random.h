@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's random source: a combined multiplicative congruential
 // generator of uniforms with one process-wide state, reseeded from the
 // clock before every normal variate, and the cosine branch of Box-Muller.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Simulation: correlated geometric Brownian paths on the library's random
 // source.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One move of the simulated path: the correlated shocks of one time step.
 // Internal header of the simulation, shared with its tests.
 #pragma once

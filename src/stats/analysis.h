@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Risk analysis: ex-ante return, volatility, normal and modified value at
 // risk, ex-post return and volatility, Gaussian kernel density.
 #pragma once

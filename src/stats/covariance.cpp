@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample covariance and correlation.
 #include "stats/covariance.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sample covariance and correlation of a column-major T by n table X.
 #pragma once
 #include "kernels/status.h"

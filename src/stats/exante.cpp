@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ex-ante portfolio return, variance, volatility and normal value at risk
 // from given expected returns and covariance.
 #include <cmath>

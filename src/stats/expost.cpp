@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ex-post standard deviation of one series.
 #include <cmath>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Gaussian kernel density of a sample at chosen points.
 #include <cmath>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Modified (Cornish-Fisher) value at risk: the normal quantile corrected
 // for the portfolio's skewness and excess kurtosis, with the moments formed
 // from the asset history by sums over asset tuples.

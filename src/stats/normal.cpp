@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Standard normal distribution function and quantile.
 #include "stats/normal.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Standard normal distribution: lower and upper tail areas, and the quantile
 // by Newton's iteration from a rational starting value.
 #pragma once

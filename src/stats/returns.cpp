@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Simple and logarithmic returns over a lag.
 #include "stats/returns.h"
 

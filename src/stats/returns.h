@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Return series: simple and logarithmic returns of a price table over a
 // fixed lag.  P is column-major T by n; R is column-major (T - lag) by n.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Work demand and degenerate data.  Every allocator runs on work arrays of
 // exactly the sizes the export frame allocates, followed by a guard band
 // that must come back untouched (under AddressSanitizer the band is left

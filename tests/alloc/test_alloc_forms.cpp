@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The allocators' problem builders and point checks: the solver form each
 // allocator hands over and the exact edges of the feasibility tolerance.
 // Plain copies and scalar arithmetic (or products over unit columns), so

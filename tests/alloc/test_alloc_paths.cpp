@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Engine paths the exports cannot show: the one-asset problem, which skips
 // the feasibility start and keeps the scalar solver's status, and what a
 // failed feasibility start leaves in the weights.  Work arrays have the

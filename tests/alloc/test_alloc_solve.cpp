@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The three allocators through their exports: closed-form optima, the shape
 // of the frontier, failure statuses, and the caller's arrays afterwards.
 // Optimal weights pass through BLAS, so they carry a tolerance; arrays the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The export calls shared by the bad-input, allocation-failure and
 // concurrency tests.
 #include "export_cases.h"

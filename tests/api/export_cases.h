@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One valid call of every export on small data of its own, which the
 // bad-input table, the allocation-failure sweep and the concurrency tests
 // spoil, repeat or run side by side.

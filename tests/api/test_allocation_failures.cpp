@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every allocation of every export made to fail in turn, the work arrays
 // and the layout-conversion temporaries alike, on memory that the test
 // allocator fills with NaN.  A failing work array ends the call with 2, the

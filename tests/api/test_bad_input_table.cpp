@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every export against NaN, infinities, zero, negative and huge values and
 // overflowing sizes: each case must end cleanly (a documented return, a
 // finite result, zeros after a refusal, the inputs as they were), and the

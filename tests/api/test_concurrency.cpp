@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exports of every family called at once from four threads, each on its own
 // data: allocation, modelling, analysis and simulation.  Each thread's
 // results must equal those of the same calls made serially beforehand; the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The call frame through the exports: orders and replacements of the
 // argument tests, clearing, caller's arrays left as they were, layout
 // conversion, work-array failures and the status mapping.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Calls on NaN, infinities and overflowing data: each ends with the failure
 // status its family documents, a cleared (never non-finite) result and the
 // inputs as they were.  The reproducers of the hang in the simulation's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The named statuses and return values of the public header against the
 // frame's mapping, and the widened single-precision constants against the
 // exact doubles the results depend on.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target of the three allocators.  Beyond the frame's invariants it
 // checks, whenever every input is finite and the call returns 0, that the
 // portfolio keeps its bounds and every constraint row, the return row

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target of the analysis exports.  Besides the frame's invariants: a
 // volatility returned with 0 is not negative, nor is a kernel density.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared pieces of the fuzz targets: a decoder that turns the fuzzer's
 // bytes into bounded sizes and arbitrary doubles, caller-owned arrays of the
 // exact documented sizes (so AddressSanitizer sees any write past them), and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target of the modelling exports: returns, logarithmic returns,
 // covariance, correlation and the two matrix-nearness exports.  Besides the
 // frame's invariants: a covariance returned with 0 has no negative

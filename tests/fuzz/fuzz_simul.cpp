@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target of the path simulation.  The caller guarantees n >= 1 and
 // steps >= 1 (the export does not test its integers), so the sizes stay in
 // that range; horizon is any 16-bit value.  Besides the frame's invariants:

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the seed corpus of the fuzz targets into tests/fuzz/corpus/.
 
 Each seed is a readable call encoded in the byte format that

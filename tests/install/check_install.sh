@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build tree into a scratch prefix, then builds a consumer
 # against it twice: through the CMake package and through pkg-config.
 # Usage: check_install.sh BUILD_DIR SOURCE_DIR SCRATCH_DIR

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Dense kernels at their edges: the documented oddities of the small
 // kernels, packed storage, bounds statuses, and the spectral routines.
 #include <gtest/gtest.h>

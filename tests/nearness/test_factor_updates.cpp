@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The factor operations of the minimiser against the matrix they stand for:
 // after every operation H is rebuilt from T, R, Q and position and compared
 // with a plain dense matrix updated by hand.  The rebuilt matrix passes

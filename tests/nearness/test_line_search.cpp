@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The line search nlis0 on one-dimensional problems.  A scripted simulator
 // returns prescribed (indic, f, g) in turn whatever the point, so that every
 // branch (extrapolation, cubic interpolation, bisection, refused points,

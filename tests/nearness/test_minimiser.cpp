@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The minimiser n2qn1 on smooth bound-constrained problems with known
 // minima, on its limits and on bad calls.  Strictly convex quadratics are
 // checked against their exact minimiser, found independently by trying

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The nearness engines below the exports: the dual functions against finite
 // differences, the path without multipliers against the projection kernel,
 // the two shift thresholds, and the carving of the work arrays at exactly

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """ctypes binding of the shared library for the Python reference tests.
 
 Every export takes pointers; these helpers pass numpy arrays (row-major,

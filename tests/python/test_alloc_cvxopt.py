@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The three allocators against cvxopt's interior-point QP on random long-only
 and long-short universes (budget, sector caps and floors, bounds, a fixed
 holding).  For every problem: the weights meet every constraint to 1e-9; the

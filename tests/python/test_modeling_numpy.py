@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Return series, covariance and correlation through the shared library
 against numpy on random tables.
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Nearest correlation matrix through ORXmodelingSDLScorr against an
 independent reference: a semismooth Newton method on the dual, written here
 in numpy and solved to a diagonal residual below 1e-9 (mostly 1e-13).

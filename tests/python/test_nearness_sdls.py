@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Semi-definite least squares through ORXmodelingSDLS against cvxopt's
 interior-point cone QP solver (coneqp), an independent method on the primal
 problem: X is parametrised by its upper triangle, the objective is the

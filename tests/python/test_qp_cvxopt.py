@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The QP driver (through the helper program lumbra_qp_cli next to the shared
 library) against cvxopt on random strictly convex problems: feasibility, the
 KKT conditions with the returned multipliers, and the optimum against

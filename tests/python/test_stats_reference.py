@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Risk statistics through the shared library against independent
 references: scipy's normal quantile, numpy's standard deviation, a
 Cornish-Fisher evaluation from the portfolio series, scipy's gaussian_kde."""

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Degenerate QP problems shared by the bit-exact corpus and the tolerance
 // checks: tied Hessian diagonals and linear terms, zero-width bounds,
 // repeated rows (the same row twice, a row scaled, a row that is the sum of

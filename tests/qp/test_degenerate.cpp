@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The degenerate problems of the bit-exact corpus, checked by what is true
 // of any correct answer, so that the check holds on every BLAS: a solve
 // that ends with status 0 gives a point that meets every row and bound,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Search direction: what a correct direction satisfies for each curvature
 // status.  Values pass through BLAS and the factor routines: tolerance 1e-10
 // on O(1) data (factors exact to about 1e-14, the solves lose a few digits).

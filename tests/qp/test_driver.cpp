@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The QP driver end to end: every failure status, the iteration limit, the
 // one-variable path, and feasibility and KKT on random strictly convex
 // problems (exact small cases live in the regression corpus).

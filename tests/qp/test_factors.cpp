@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Factor routines of the QP solver against direct recomputation (Q
 // orthogonal, A = Q [R; 0], T'T = P'Z'HZP on the factored part) through
 // mixed sequences of additions and deletions, and the curvature statuses.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test helper: the solver's factor storage (Q, HR with R and T, ipvt, st)
 // driven through additions and deletions as the main loop drives it, and a
 // direct check of its invariants.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The several-at-a-time products must give the bits of the plain sequential
 // sums they replace (s = 0.0, s = s + a(i) x(i) in ascending i; products
 // column after column from 0).  References are those loops written out, so

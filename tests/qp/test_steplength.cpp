@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ratio test: blocking constraint, tie-breaks and step kinds on small
 // dyadic data, where every ratio is exact.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Correlated geometric Brownian paths: cases fixed whatever the variates
 // (one time point, zero horizon, floored zero variance, a cleared factor),
 // the shock on given variates, and the shock moments statistically (which

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The random source where it is deterministic (generator step, seed
 // reductions, reseed for a given clock reading, one Box-Muller variate) and
 // its shared state under concurrent use: built with -DLUMBRA_TSAN=ON the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ex-ante return, volatility and normal value at risk, ex-post mean and
 // deviation, and the Gaussian kernel density, through engine and exports.
 // Independent references (scipy, numpy) are in test_stats_reference.py.

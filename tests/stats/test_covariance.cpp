@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Covariance and correlation: the single-precision scale, exact values on
 // dyadic data, and the degenerate assets of the correlation.
 #include <gtest/gtest.h>

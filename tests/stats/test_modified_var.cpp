@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Modified (Cornish-Fisher) value at risk: moments, single-precision
 // factors, statuses (the whole expansion against numpy is in
 // tests/python/test_stats_reference.py).

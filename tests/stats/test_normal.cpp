@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Normal distribution function and quantile: published values bit for bit,
 // erfc and a high-precision tail (the quantile against scipy over the whole
 // level range is in tests/python/test_stats_reference.py).

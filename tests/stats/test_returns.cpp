@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Return series: exact values, the two denominator limits, partial results.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared helpers of the test suite: bit-exact comparison with hexadecimal
 // output, and a failing allocator for the allocation-failure paths.
 #pragma once

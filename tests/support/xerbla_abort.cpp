@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LAPACK's and BLAS's argument-error handler for the test programs.  The
 // library's handler prints "On entry to <routine> parameter number <k> had
 // an illegal value" and ends the process with exit status 0 (OpenBLAS's

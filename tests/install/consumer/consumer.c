@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Links against the installed library and checks two exports. */
 #include <stdio.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test helper for the Python reference test: reads one problem in solver
 // form from stdin (n me mi, then H, c, C column-major, d, lower, upper),
 // runs the QP driver with work arrays of the documented size and prints

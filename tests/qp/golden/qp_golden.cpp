@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bit-exact regression corpus of the QP solver and the three allocators.
 //
 // Generates a fixed family of problems from a seeded generator (n from 2 to
