@@ -117,7 +117,12 @@ void checkPortfolio(const Problem& p, const std::vector<double>& w) {
     const double tu = kRelTol * (1.0 + std::fabs(p.upper.v[i]));
     if (w[i] < p.lower.v[i] - tl || w[i] > p.upper.v[i] + tu) fail(name, "weight outside its bounds");
   }
-  for (long j = 0; j < m; ++j) {
+  // The Sharpe-ratio allocator's homogeneous problem leaves the caller's
+  // equalities out (only its feasibility stage sees them), so its result
+  // need not meet them; its inequalities and bounds are rows of that
+  // problem and must hold.
+  const long first = p.kind == kSharpe ? p.nEq : 0;
+  for (long j = first; j < m; ++j) {
     const double* col = p.cons.v.data() + j;
     if (!rowHolds(col, m, w, p.rhs.v[j], 1.0)) fail(name, "constraint row violated");
     if (j < p.nEq && !rowHolds(col, m, w, p.rhs.v[j], -1.0)) fail(name, "equality row violated");

@@ -7,7 +7,9 @@ fuzz_input.h decodes: sizes as one byte (value - lower end of the range),
 doubles as a tag byte 0 and their eight little-endian IEEE bytes, so every
 number reaches the export bit for bit.  The seeds cover every export with
 ordinary data, refused arguments, and the bad and degenerate inputs that
-once broke the library (their names start with "regress_").
+once broke the library (their names start with "regress_").  Inputs
+that fuzzing found and that are kept byte for byte as it wrote them have
+names starting with "found_"; this script leaves them in place.
 
 Run it after changing a seed or the format; the files are committed.
 """
@@ -290,7 +292,8 @@ def main():
         folder = os.path.join(HERE, "corpus", family)
         os.makedirs(folder, exist_ok=True)
         for old in os.listdir(folder):
-            os.remove(os.path.join(folder, old))
+            if not old.startswith("found_"):
+                os.remove(os.path.join(folder, old))
         for name, seed in seeds.items():
             with open(os.path.join(folder, name), "wb") as f:
                 f.write(bytes(seed.b))
