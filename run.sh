@@ -9,7 +9,8 @@
 #     asan       AddressSanitizer + UBSan build, every C++ test
 #     tsan       ThreadSanitizer build, the concurrency tests
 #     fuzz       clang + libFuzzer under ASan/UBSan: the seed corpus, then
-#                each target for LUMBRA_FUZZ_SECONDS (default 60) seconds
+#                each target for LUMBRA_FUZZ_SECONDS (default 60) seconds,
+#                from the random seed LUMBRA_FUZZ_SEED (default 1)
 # Each installs the Debian packages it is missing when run as root, and the
 # test command ends with one summary line per stage; it fails if any stage
 # failed, found no test, or a fuzz target found anything.
@@ -171,7 +172,7 @@ stage_fuzz() {
     mkdir -p "$dir/corpus/$family"
     echo "fuzzing $family for ${seconds}s"
     "$dir/tests/fuzz/fuzz_$family" -fork=1 -ignore_crashes=1 -ignore_timeouts=1 -ignore_ooms=1 \
-      -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+      -max_total_time="$seconds" -seed="${LUMBRA_FUZZ_SEED:-1}" -timeout=10 -rss_limit_mb=2048 \
       -artifact_prefix="$dir/findings/$family-" \
       "$dir/corpus/$family" "tests/fuzz/corpus/$family" >"$dir/logs/$family.log" 2>&1
     n=$(find "$dir/findings" -name "$family-*" | wc -l)
