@@ -73,6 +73,23 @@ void correlationFromCovariance(i64 n, const double* Cov, double* s, double* Corr
   }
 }
 
+// The correlation's work array: column means (n), centred table (T n),
+// covariance (n n), scales (n), in this order.
+struct CorrWork {
+  double* means;
+  double* C;
+  double* Cov;
+  double* s;
+};
+CorrWork carveCorrWork(i64 T, i64 n, double* work) {
+  CorrWork w;
+  w.means = work;
+  w.C = w.means + n;
+  w.Cov = w.C + T * n;
+  w.s = w.Cov + n * n;
+  return w;
+}
+
 }  // namespace
 
 // 1 / (T - 1) with T - 1 converted to float and divided in float: the
@@ -120,16 +137,12 @@ void modelingCovSample(const int& T, const int& n, const double* X, double* mean
 // Correlation of X: the covariance into the work array, then Corr from it.
 void modelingCorrSample(const int& T, const int& n, const double* X, double* work,
                         double* Corr, int& status) {
-  const i64 nn = i64{n} * n;
-  double* means = work;
-  double* C = means + n;
-  double* Cov = C + i64{T} * n;
-  double* s = Cov + nn;
+  const CorrWork w = carveCorrWork(T, n, work);
   status = 0;
-  matColMeans(T, n, X, means);
-  modelingCovCentered(T, n, X, means, C, Cov, status);
+  matColMeans(T, n, X, w.means);
+  modelingCovCentered(T, n, X, w.means, w.C, w.Cov, status);
   if (status < 0) return;
-  correlationFromCovariance(n, Cov, s, Corr, status);
+  correlationFromCovariance(n, w.Cov, w.s, Corr, status);
 }
 
 // modelingCovSample of X given as Xt = X' (n by T): the means in the same
@@ -148,15 +161,11 @@ void modelingCovSampleTransposed(const int& T, const int& n, const double* Xt, d
 // array.  Same results, bit for bit.
 void modelingCorrSampleTransposed(const int& T, const int& n, const double* Xt, double* work,
                                   double* Corr, int& status) {
-  const i64 nn = i64{n} * n;
-  double* means = work;
-  double* C = means + n;
-  double* Cov = C + i64{T} * n;
-  double* s = Cov + nn;
+  const CorrWork w = carveCorrWork(T, n, work);
   status = 0;
-  modelingCovSampleTransposed(T, n, Xt, means, C, Cov, status);
+  modelingCovSampleTransposed(T, n, Xt, w.means, w.C, w.Cov, status);
   if (status < 0) return;
-  correlationFromCovariance(n, Cov, s, Corr, status);
+  correlationFromCovariance(n, w.Cov, w.s, Corr, status);
 }
 
 }  // namespace lumbra::stats
