@@ -94,12 +94,13 @@ demo() {
 # ---- result in $stage_note; the return status says whether it passed.
 stage_note=""
 
-# ctest with the given arguments, never satisfied by an empty selection;
-# notes "N tests" from ctest's own count.
+# ctest with the given arguments, never satisfied by an empty selection
+# and with a time limit per test, so that a hang fails its test instead of
+# stalling the command; notes "N tests" from ctest's own count.
 run_ctest() {  # run_ctest DIR [ctest arguments...]
   local dir=$1; shift
   local log=$dir/ctest.log rc
-  ctest --test-dir "$dir" -j"$jobs" --output-on-failure --no-tests=error "$@" 2>&1 | tee "$log"
+  ctest --test-dir "$dir" -j"$jobs" --output-on-failure --no-tests=error --timeout 600 "$@" 2>&1 | tee "$log"
   rc=${PIPESTATUS[0]}
   stage_note=$(grep -Eo '[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
   [ -n "$stage_note" ] || stage_note="no tests run"

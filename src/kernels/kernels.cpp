@@ -388,10 +388,36 @@ bool matrixFinite(const int& n, const double* A) {
   return n < 1 || allFinite(i64{n} * n, A);
 }
 
+// Reciprocal of the square of the unit roundoff, 2^106: an element below
+// 2^-106 times the largest one is negligible (see flushNegligible).
+constexpr double kNegligibleInverse = 0x1p106;
+
+// Sets to zero every element of the upper triangle of the n by n matrix A
+// whose magnitude is below u^2 max|A(i,j)| (u = 2^-53, i <= j).
+//
+// DSYEVR's relatively robust representations hunt the small eigenvalues to
+// full relative accuracy. When the upper triangle spans nearly the whole
+// exponent range (say 1e15 beside 1e-289), the bisection of DSTEMR chases an
+// eigenvalue near the underflow threshold and may never return, on the
+// reference LAPACK and on OpenBLAS's alike. The perturbation E made here has
+// ||E||_2 <= n u^2 ||A||_2, far below the backward error n u ||A||_2 that
+// DSYEVR commits anyway, so the decomposition is as good a decomposition of A;
+// a matrix with no element that small is left bit for bit as it is. The test
+// |a| 2^106 < max is exact (scaling by a power of two), and cannot underflow.
+void flushNegligible(const int& n, double* A) {
+  double largest = 0.0;
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = 0; i <= j; ++i) largest = std::max(largest, std::fabs(A[at(i, j, n)]));
+  for (i64 j = 0; j < n; ++j)
+    for (i64 i = 0; i <= j; ++i)
+      if (std::fabs(A[at(i, j, n)]) * kNegligibleInverse < largest) A[at(i, j, n)] = 0.0;
+}
+
 }  // namespace
 
 // w ascending eigenvalues and Z orthonormal eigenvectors of symmetric A (upper
-// triangle read), by DSYEVR on a copy in work(0:n*n-1).
+// triangle read), by DSYEVR on a copy in work(0:n*n-1) whose negligible
+// elements are set to zero first.
 void matEigenSym(const int& n, const double* A, int* iwork, double* work, double* w,
                  double* Z, int& info) {
   if (!matrixFinite(n, A)) {
@@ -400,6 +426,7 @@ void matEigenSym(const int& n, const double* A, int* iwork, double* work, double
   }
   const i64 nn = i64{n} * n;
   matCopy(n, n, A, work);
+  flushNegligible(n, work);
   const double vl = 0.0, vu = 0.0, abstol = 0.0;
   const int il = 1, iu = n, lwork = 26 * n, liwork = 10 * n;
   int found = 0;

@@ -324,6 +324,44 @@ std::vector<double> withEigenvalues(const std::vector<double>& lambda) {
 
 }  // namespace
 
+TEST(SpectralKernels, NegligibleElementsAreFlushedSoExtremeRangesReturn) {
+  // DSYEVR never returned on these finite matrices (upper triangles spanning
+  // nearly the whole exponent range: the first came from the dual of a
+  // nearness problem, the second from random exponents).  Elements below
+  // 2^-106 times the largest are set to zero first.
+  const int n = 3;
+  const double hung[2][9] = {
+      {2.0522682444161237e-289, 0, 0, -1.2164802009519749e-140, -1999999993657846.8, 0, -1e-300,
+       -8.1677956349632598e-143, 3.4756577170056423e-144},
+      {1.8389694997774519, 0, 0, 1.4625784394476086e+150, -1.7116482693438852e+307, 0,
+       1.5844920790377577e-100, -1.6424352416829928e+100, 1.2426646183032549e-17}};
+  std::vector<int> iwork(12 * n);
+  std::vector<double> work(n * n + 26 * n), w(n), Z(n * n);
+  int info = -9;
+  matEigenSym(n, hung[0], iwork.data(), work.data(), w.data(), Z.data(), info);
+  EXPECT_EQ(0, info);
+  // What is left is diag(0, -1999999993657846.8, 0): exact eigenvalues.
+  EXPECT_BITEQ(-1999999993657846.8, w[0]);
+  EXPECT_BITEQ(0.0, w[1]);
+  EXPECT_BITEQ(0.0, w[2]);
+  info = -9;
+  matEigenSym(n, hung[1], iwork.data(), work.data(), w.data(), Z.data(), info);
+  EXPECT_EQ(0, info);
+  EXPECT_BITEQ(-1.7116482693438852e+307, w[0]);
+
+  // The edge of the flush on diagonal matrices, whose eigenvalues DSYEVR
+  // returns exactly: 2^-106 times the largest stays, half of it goes.
+  const double keep[4] = {-1.0, 0.0, 0.0, -0x1p-106}, drop[4] = {-1.0, 0.0, 0.0, -0x1p-107};
+  info = -9;
+  matEigenSym(2, keep, iwork.data(), work.data(), w.data(), Z.data(), info);
+  EXPECT_EQ(0, info);
+  EXPECT_BITEQ(-1.0, w[0]);
+  EXPECT_BITEQ(-0x1p-106, w[1]);
+  matEigenSym(2, drop, iwork.data(), work.data(), w.data(), Z.data(), info);
+  EXPECT_EQ(0, info);
+  EXPECT_BITEQ(0.0, std::fabs(w[1]));
+}
+
 TEST(SpectralKernels, DefiniteCertificateOnlyWhereTheSchurTestMustPass) {
   // Smallest eigenvalue far above, just above, at and below the threshold,
   // asymmetric matrices and a NaN: the certificate may only say yes where
