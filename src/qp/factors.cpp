@@ -19,19 +19,9 @@ namespace lumbra::qp {
 
 namespace {
 
-// u = H z from the lower triangle of H, grouped per row as
-// u(i) = H(i,0:i) z(0:i) + H(i+1:n-1,i)' z(i+1:n-1).  The row part is
-// accumulated in ascending j down contiguous columns, the column part is
-// a sequential dot down each column, eight columns side by side: the same
-// sums as a strided row product, without reading H across its rows.
-void symLowerMulVec(const double* H, i64 ldh, i64 n, const double* z, double* u) {
-  qpLowerRowProducts(H, ldh, n, z, u);
-  qpLowerColumnDotsAdd(H, ldh, n, z, u);
-}
-
 // z' H z with u = H z formed in w: sum_i z(i) u(i), in order.
 double selfCurvature(const double* H, i64 ldh, i64 n, const double* z, double* w) {
-  symLowerMulVec(H, ldh, n, z, w);
+  qpLowerSymProduct(H, ldh, n, z, w);
   double sum = 0.0;
   for (i64 i = 0; i < n; ++i) sum += z[i] * w[i];
   return sum;
@@ -62,21 +52,22 @@ double nullPart(const double* Q, i64 ldq, const double* a, double* w, i64 n, i64
   return qpBlasNrm2(n - k + 1, w, 1);
 }
 
-// Q(:,c0:c0+len-1) -= (Q(:,c0:c0+len-1) w) w', rows in blocks of eight so
-// that each column segment is read contiguously.
+// Q(:,c0:c0+len-1) -= (Q(:,c0:c0+len-1) w) w', a block of rows at a time:
+// t = Q(i0:i0+nb-1,c0:) w by DGEMV ('N', alpha 1, beta 0: each t(i) the
+// sum over j in ascending order from 0.0) and the rank-one update by DGER
+// with alpha -1 (Q(i,j) + t(i) (-w(j)), which is Q(i,j) - t(i) w(j)).
+// Each row is reflected on its own, so the blocking changes no bit.
 void applyReflector(double* Q, i64 ldq, i64 n, i64 c0, i64 len, const double* w) {
-  constexpr i64 kBlock = 8;
-  for (i64 i0 = 0; i0 < n; i0 += kBlock) {
-    const i64 nb = std::min(kBlock, n - i0);
-    double t[kBlock] = {0, 0, 0, 0, 0, 0, 0, 0};
-    for (i64 j = 0; j < len; ++j) {
-      const double* q = &Q[at(i0, c0 + j, ldq)];
-      for (i64 b = 0; b < nb; ++b) t[b] += q[b] * w[j];
-    }
-    for (i64 j = 0; j < len; ++j) {
-      double* q = &Q[at(i0, c0 + j, ldq)];
-      for (i64 b = 0; b < nb; ++b) q[b] -= t[b] * w[j];
-    }
+  constexpr i64 kRows = 128;
+  constexpr double kOne = 1.0, kZero = 0.0, kMinusOne = -1.0;
+  constexpr int kUnit = 1;
+  const int cols = static_cast<int>(len), ld = static_cast<int>(ldq);
+  double t[kRows];
+  for (i64 i0 = 0; i0 < n; i0 += kRows) {
+    const int nb = static_cast<int>(std::min(kRows, n - i0));
+    double* q = &Q[at(i0, c0, ldq)];
+    dgemv_("N", &nb, &cols, &kOne, q, &ld, w, &kUnit, &kZero, t, &kUnit, 1);
+    dger_(&nb, &cols, &kMinusOne, t, &kUnit, w, &kUnit, q, &ld);
   }
 }
 
@@ -186,38 +177,75 @@ void ANFM04(double* Q, const int& ldq, double* R, const int& ldr, const double* 
   R[at(k - 1, k - 1, ldr)] = rho;
 }
 
+namespace {
+
+// Reflections of ANFM02 gathered before they meet Q: at most kPairChunk at
+// a time, each on the columns (col-1, col) of Q with the factors u1, u2, v.
+constexpr i64 kPairChunk = 32;
+
+// Applies the gathered reflections in order to every row of Q: for each
+// pair, t = -Q(i,col-1) - Q(i,col) v, Q(i,col-1) += u1 t, Q(i,col) += u2 t.
+// A row meets the reflections in the same order as in a sweep column pair
+// after column pair, so every number is the same; a block of rows goes
+// through the whole chunk while its columns stay in the first-level cache.
+__attribute__((target_clones("avx2", "default"))) void reflectPairs(double* Q, i64 ldq, i64 n, const i64* col, const double* u1,
+                  const double* u2, const double* v, i64 count) {
+  constexpr i64 kRows = 64;
+  for (i64 i0 = 0; i0 < n; i0 += kRows) {
+    const i64 i1 = std::min(n, i0 + kRows);
+    for (i64 t = 0; t < count; ++t) {
+      double* qa = &Q[at(0, col[t] - 1, ldq)];
+      double* qb = &Q[at(0, col[t], ldq)];
+      const double a1 = u1[t], a2 = u2[t], vt = v[t];
+      for (i64 i = i0; i < i1; ++i) {
+        const double s = -qa[i] - qb[i] * vt;
+        qa[i] += a1 * s;
+        qb[i] += a2 * s;
+      }
+    }
+  }
+}
+
+}  // namespace
+
 // Removes column p of R (1-based) by order-two Householder reflections that
 // restore the triangle behind it, applied to Q as well; then shifts the
-// columns p+1..k of R one place left.
+// columns p+1..k of R one place left.  The reflections depend on R alone,
+// so R is swept first, a chunk of pairs at a time, and each chunk then
+// reflects Q.
 void ANFM02(double* Q, const int& ldq, double* R, const int& ldr, const int& n, const int& k,
             const int& p, const int& channel) {
   (void)channel;
   if (!(k >= p && k >= 2 && p >= 1 && n <= ldq && n <= ldr)) qpArgumentTrap("ANFM02");
   if (p == k) return;
-  for (i64 j = p; j < k; ++j) {  // 0-based column j, pair of rows (j-1, j)
-    const double x0 = R[at(j - 1, j, ldr)], y0 = R[at(j, j, ldr)];
-    if (y0 == 0.0) continue;
-    double sigma = qpBlasNrm2(2, &R[at(j - 1, j, ldr)], 1);
-    if (sigma <= kPrecision) continue;
-    if (x0 != 0.0) sigma = std::copysign(sigma, x0);
-    const double x = x0 / sigma, y = y0 / sigma;
-    const double u1 = 1.0 + x, u2 = y, v = u2 / u1;
-    R[at(j - 1, j, ldr)] = u1;
-    double* qa = &Q[at(0, j - 1, ldq)];
-    double* qb = &Q[at(0, j, ldq)];
-    for (i64 i = 0; i < n; ++i) {
-      const double t = -qa[i] - qb[i] * v;
-      qa[i] += u1 * t;
-      qb[i] += u2 * t;
+  i64 col[kPairChunk];
+  double u1s[kPairChunk], u2s[kPairChunk], vs[kPairChunk];
+  i64 j = p;  // 0-based column j, pair of rows (j-1, j)
+  while (j < k) {
+    i64 count = 0;
+    for (; j < k && count < kPairChunk; ++j) {
+      const double x0 = R[at(j - 1, j, ldr)], y0 = R[at(j, j, ldr)];
+      if (y0 == 0.0) continue;
+      double sigma = qpBlasNrm2(2, &R[at(j - 1, j, ldr)], 1);
+      if (sigma <= kPrecision) continue;
+      if (x0 != 0.0) sigma = std::copysign(sigma, x0);
+      const double x = x0 / sigma, y = y0 / sigma;
+      const double u1 = 1.0 + x, u2 = y, v = u2 / u1;
+      for (i64 c = j + 1; c < k; ++c) {
+        double& ra = R[at(j - 1, c, ldr)];
+        double& rb = R[at(j, c, ldr)];
+        const double t = -ra - rb * v;
+        ra += u1 * t;
+        rb += u2 * t;
+      }
+      R[at(j - 1, j, ldr)] = -sigma;
+      col[count] = j;
+      u1s[count] = u1;
+      u2s[count] = u2;
+      vs[count] = v;
+      ++count;
     }
-    for (i64 c = j + 1; c < k; ++c) {
-      double& ra = R[at(j - 1, c, ldr)];
-      double& rb = R[at(j, c, ldr)];
-      const double t = -ra - rb * v;
-      ra += u1 * t;
-      rb += u2 * t;
-    }
-    R[at(j - 1, j, ldr)] = -sigma;
+    reflectPairs(Q, ldq, n, col, u1s, u2s, vs, count);
   }
   // column c-1 of R takes R(0:c-1, c), c = p..k-1 (0-based)
   for (i64 c = p; c < k; ++c)
@@ -324,7 +352,7 @@ double eliminateRow(const double* H, i64 ldh, double* T, i64 ldt, const double* 
   const i64 rr = K + r;
   const double s = std::sqrt(d);
   T[at(rr, r, ldt)] = s;
-  symLowerMulVec(H, ldh, n, zColumn(Z, ldz, m, ipvt, r), w);
+  qpLowerSymProduct(H, ldh, n, zColumn(Z, ldz, m, ipvt, r), w);
   double mx = 0.0;
   for (i64 c = r + 1; c < L; ++c) {
     const double t = (qpBlasDot(n, zColumn(Z, ldz, m, ipvt, c), 1, w, 1) -
@@ -366,7 +394,7 @@ int hiddenCouplingStatus(const double* H, i64 ldh, double* T, i64 ldt, const dou
   i64 bigCol = q;
   double bigVal = dmin;
   for (i64 rp = r; rp < L - 1; ++rp) {
-    symLowerMulVec(H, ldh, n, zColumn(Z, ldz, m, ipvt, rp), w);
+    qpLowerSymProduct(H, ldh, n, zColumn(Z, ldz, m, ipvt, rp), w);
     for (i64 c = rp + 1; c < L; ++c) {
       const double t = qpBlasDot(n, zColumn(Z, ldz, m, ipvt, c), 1, w, 1) -
                        qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, rp, ldt)], 1);
@@ -645,7 +673,7 @@ void ANFM06(const double* z, const int& ldq, double* HR, const int& ldr, double*
   double* T = &HR[at(0, k, ldr)];
   double* v = &HR[at(0, n, ldr)];
 
-  symLowerMulVec(HR, ldr, n, z, w);
+  qpLowerSymProduct(HR, ldr, n, z, w);
   double c = qpBlasDot(n, z, 1, w, 1);
   // T one column left: column j keeps its j+1 entries
   for (i64 j = 0; j < nz0; ++j)
