@@ -188,7 +188,7 @@ constexpr i64 kPairChunk = 32;
 // A row meets the reflections in the same order as in a sweep column pair
 // after column pair, so every number is the same; a block of rows goes
 // through the whole chunk while its columns stay in the first-level cache.
-__attribute__((target_clones("avx2", "default"))) void reflectPairs(double* Q, i64 ldq, i64 n, const i64* col, const double* u1,
+void reflectPairs(double* Q, i64 ldq, i64 n, const i64* col, const double* u1,
                   const double* u2, const double* v, i64 count) {
   constexpr i64 kRows = 64;
   for (i64 i0 = 0; i0 < n; i0 += kRows) {
