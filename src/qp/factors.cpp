@@ -32,23 +32,71 @@ void swapColumns(double* T, i64 ldt, i64 rows, i64 a, i64 b) {
   for (i64 i = 0; i < rows; ++i) std::swap(T[at(i, a, ldt)], T[at(i, b, ldt)]);
 }
 
-// Coefficient j of the normal (a, or +-e_id when id is non-zero) in the
-// basis Q: q_j' a.
-double coefficient(const double* Q, i64 ldq, const double* a, i64 n, int id, i64 j) {
-  const i64 row = id < 0 ? -id : id;
-  const double v = row > 0 ? Q[at(row - 1, j, ldq)] : qpBlasDot(n, &Q[at(0, j, ldq)], 1, a, 1);
+// Coefficient j of the bound normal +-e_id in the basis Q: +-Q(id-1,j).
+double boundCoefficient(const double* Q, i64 ldq, int id, i64 j) {
+  const double v = Q[at((id < 0 ? -id : id) - 1, j, ldq)];
   return id < 0 ? -v : v;
 }
 
-// Column k-1 (0-based) of R above the diagonal: R(0:k-2,k-1) = Q(:,0:k-2)' a.
+// Positions of the non-zero entries of a, when there are at most
+// kSparseNormal of them and every entry is finite; returns their count, or
+// -1 when the normal is to be treated as dense.
+constexpr int kSparseNormal = 32;
+int sparsePattern(const double* a, i64 n, i64* idx) {
+  int count = 0;
+  for (i64 i = 0; i < n; ++i) {
+    if (!std::isfinite(a[i])) return -1;
+    if (a[i] == 0.0) continue;
+    if (count == kSparseNormal) return -1;
+    idx[count++] = i;
+  }
+  return count;
+}
+
+// out(j - j0) = Q(:,j)' a for the columns j0..j1-1, each the sequential sum
+// from 0.0 over ascending i (the reference DDOT).  A zero entry of a adds a
+// zero product, which leaves such a sum as it is (the sum is never -0.0,
+// as it starts from +0.0); so a normal with few non-zeros, like a row that
+// stands for a bound in a homogeneous problem, takes only its non-zero
+// terms, in the same order.  A dense one is a DGEMV ('T', alpha 1, beta 0).
+void normalCoefficients(const double* Q, i64 ldq, i64 n, const double* a, i64 j0, i64 j1,
+                        double* out) {
+  if (j1 <= j0) return;
+  i64 idx[kSparseNormal];
+  const int nnz = sparsePattern(a, n, idx);
+  if (nnz >= 0) {
+    for (i64 j = j0; j < j1; ++j) {
+      double s = 0.0;
+      for (int t = 0; t < nnz; ++t) s = s + Q[at(idx[t], j, ldq)] * a[idx[t]];
+      out[j - j0] = s;
+    }
+    return;
+  }
+  constexpr double kOne = 1.0, kZero = 0.0;
+  constexpr int kUnit = 1;
+  const int rows = static_cast<int>(n), cols = static_cast<int>(j1 - j0);
+  const int ld = static_cast<int>(ldq);
+  dgemv_("T", &rows, &cols, &kOne, &Q[at(0, j0, ldq)], &ld, a, &kUnit, &kZero, out, &kUnit, 1);
+}
+
+// Column k-1 (0-based) of R above the diagonal: R(0:k-2,k-1) = Q(:,0:k-2)' a
+// (a = +-e_id when id is non-zero).
 void rangePart(const double* Q, i64 ldq, double* R, i64 ldr, const double* a, i64 n, i64 k,
                int id) {
-  for (i64 j = 0; j + 1 < k; ++j) R[at(j, k - 1, ldr)] = coefficient(Q, ldq, a, n, id, j);
+  if (id != 0) {
+    for (i64 j = 0; j + 1 < k; ++j) R[at(j, k - 1, ldr)] = boundCoefficient(Q, ldq, id, j);
+    return;
+  }
+  normalCoefficients(Q, ldq, n, a, 0, k - 1, &R[at(0, k - 1, ldr)]);
 }
 
 // The part still to be reduced, w = Q(:,k-1:n-1)' a; returns its 2-norm.
 double nullPart(const double* Q, i64 ldq, const double* a, double* w, i64 n, i64 k, int id) {
-  for (i64 j = k - 1; j < n; ++j) w[j - (k - 1)] = coefficient(Q, ldq, a, n, id, j);
+  if (id != 0) {
+    for (i64 j = k - 1; j < n; ++j) w[j - (k - 1)] = boundCoefficient(Q, ldq, id, j);
+  } else {
+    normalCoefficients(Q, ldq, n, a, k - 1, n, w);
+  }
   return qpBlasNrm2(n - k + 1, w, 1);
 }
 
