@@ -100,22 +100,28 @@ double nullPart(const double* Q, i64 ldq, const double* a, double* w, i64 n, i64
   return qpBlasNrm2(n - k + 1, w, 1);
 }
 
-// Q(:,c0:c0+len-1) -= (Q(:,c0:c0+len-1) w) w', a block of rows at a time:
-// t = Q(i0:i0+nb-1,c0:) w by DGEMV ('N', alpha 1, beta 0: each t(i) the
-// sum over j in ascending order from 0.0) and the rank-one update by DGER
-// with alpha -1 (Q(i,j) + t(i) (-w(j)), which is Q(i,j) - t(i) w(j)).
-// Each row is reflected on its own, so the blocking changes no bit.
+// Q(:,c0:c0+len-1) -= (Q(:,c0:c0+len-1) w) w', rows in blocks of 32: t(i)
+// the sum over j in ascending order from 0.0, then Q(i,j) - t(i) w(j) (what
+// the reference DGEMV and DGER would form).  The block's 32 sums advance
+// side by side down contiguous column segments, and the block stays in the
+// first-level cache for the update.  This stays in the library's own loop
+// rather than going to an optimised BLAS, which would round these
+// reflections differently on every BLAS: the start vertex decides from
+// them which bounds are dependent, and on exactly tied data a different
+// decision leads the solve to a different, less accurate point.
 void applyReflector(double* Q, i64 ldq, i64 n, i64 c0, i64 len, const double* w) {
-  constexpr i64 kRows = 128;
-  constexpr double kOne = 1.0, kZero = 0.0, kMinusOne = -1.0;
-  constexpr int kUnit = 1;
-  const int cols = static_cast<int>(len), ld = static_cast<int>(ldq);
-  double t[kRows];
-  for (i64 i0 = 0; i0 < n; i0 += kRows) {
-    const int nb = static_cast<int>(std::min(kRows, n - i0));
-    double* q = &Q[at(i0, c0, ldq)];
-    dgemv_("N", &nb, &cols, &kOne, q, &ld, w, &kUnit, &kZero, t, &kUnit, 1);
-    dger_(&nb, &cols, &kMinusOne, t, &kUnit, w, &kUnit, q, &ld);
+  constexpr i64 kBlock = 32;
+  for (i64 i0 = 0; i0 < n; i0 += kBlock) {
+    const i64 nb = std::min(kBlock, n - i0);
+    double t[kBlock] = {};
+    for (i64 j = 0; j < len; ++j) {
+      const double* q = &Q[at(i0, c0 + j, ldq)];
+      for (i64 b = 0; b < nb; ++b) t[b] += q[b] * w[j];
+    }
+    for (i64 j = 0; j < len; ++j) {
+      double* q = &Q[at(i0, c0 + j, ldq)];
+      for (i64 b = 0; b < nb; ++b) q[b] -= t[b] * w[j];
+    }
   }
 }
 
