@@ -104,11 +104,12 @@ double nullPart(const double* Q, i64 ldq, const double* a, double* w, i64 n, i64
 // the sum over j in ascending order from 0.0, then Q(i,j) - t(i) w(j) (what
 // the reference DGEMV and DGER would form).  The block's 32 sums advance
 // side by side down contiguous column segments, and the block stays in the
-// first-level cache for the update.  This stays in the library's own loop
-// rather than going to an optimised BLAS, which would round these
-// reflections differently on every BLAS: the start vertex decides from
-// them which bounds are dependent, and on exactly tied data a different
-// decision leads the solve to a different, less accurate point.
+// first-level cache for the update.  This stays in the library's own loop,
+// with the same numbers on every BLAS: the dependency tests of the start
+// vertex and the rest of the path are read from these reflections, and on
+// exactly tied data an optimised BLAS's rounding of them led a solve to a
+// markedly less accurate point (the tied mean-variance case of the cvxopt
+// comparison test).
 void applyReflector(double* Q, i64 ldq, i64 n, i64 c0, i64 len, const double* w) {
   constexpr i64 kBlock = 32;
   for (i64 i0 = 0; i0 < n; i0 += kBlock) {
