@@ -15,6 +15,25 @@
 #include "qp/factors.h"
 #include "qp/products.h"
 
+// The two hottest loops of the factor updates (the Householder additions
+// and the deletions' reflections of Q) are compiled twice, for the baseline
+// x86-64 and for AVX2, and the loader picks the version the processor runs
+// (function multi-versioning).  Only the vector width differs: contraction
+// is off, so no fused multiply-add appears, and every element takes the
+// same operations in the same order, so both versions give the same
+// numbers.  Not under ThreadSanitizer, whose runtime is not yet set up when
+// the loader makes that choice.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define LUMBRA_UNDER_TSAN 1
+#endif
+#endif
+#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__) && !defined(LUMBRA_UNDER_TSAN)
+#define LUMBRA_WIDE_SIMD __attribute__((target_clones("avx2", "default")))
+#else
+#define LUMBRA_WIDE_SIMD
+#endif
+
 namespace lumbra::qp {
 
 namespace {
@@ -110,7 +129,8 @@ double nullPart(const double* Q, i64 ldq, const double* a, double* w, i64 n, i64
 // exactly tied data an optimised BLAS's rounding of them led a solve to a
 // markedly less accurate point (the tied mean-variance case of the cvxopt
 // comparison test).
-void applyReflector(double* Q, i64 ldq, i64 n, i64 c0, i64 len, const double* w) {
+LUMBRA_WIDE_SIMD void applyReflector(double* Q, i64 ldq, i64 n, i64 c0, i64 len,
+                                     const double* w) {
   constexpr i64 kBlock = 32;
   for (i64 i0 = 0; i0 < n; i0 += kBlock) {
     const i64 nb = std::min(kBlock, n - i0);
@@ -243,8 +263,9 @@ constexpr i64 kPairChunk = 32;
 // A row meets the reflections in the same order as in a sweep column pair
 // after column pair, so every number is the same; a block of rows goes
 // through the whole chunk while its columns stay in the first-level cache.
-void reflectPairs(double* Q, i64 ldq, i64 n, const i64* col, const double* u1,
-                  const double* u2, const double* v, i64 count) {
+LUMBRA_WIDE_SIMD void reflectPairs(double* Q, i64 ldq, i64 n, const i64* col,
+                                   const double* u1, const double* u2, const double* v,
+                                   i64 count) {
   constexpr i64 kRows = 64;
   for (i64 i0 = 0; i0 < n; i0 += kRows) {
     const i64 i1 = std::min(n, i0 + kRows);
