@@ -119,6 +119,39 @@ def statistics(build, env):
     return lumbra, scipy
 
 
+NEARNESS_SIZES = (100, 200)
+
+
+def nearness(build, env, directory):
+    """The nearest correlation matrix: the statsmodels peer (which also times
+    ORXmodelingSDLScorr through ctypes in its own process, the time that the
+    table shows, and writes the targets) and bench_nearness on the same
+    targets (evaluations of the dual, its time against one DSYEVR), both on
+    this BLAS.  statsmodels'
+    default budget is estimated from the cost of its iterations
+    (--default-upto 0), which keeps the session short."""
+    os.makedirs(directory, exist_ok=True)
+    sizes = ",".join(str(n) for n in NEARNESS_SIZES)
+    library = os.path.join(build, "liborx-lumbra-c-4.1.so")
+    out = run([PY, os.path.join(PEERS, "nearness_statsmodels.py"), "--dump", directory,
+               "--sizes", sizes, "--default-upto", "0"], dict(env, LUMBRA_LIBRARY=library))
+    peer = {}
+    for line in out.splitlines():
+        m = re.match(r"(hard|mild) (\d+) \| (\d+), [^|]*\|(.*)", line)
+        if not m:
+            continue
+        equal = re.match(r" (\d+), (\d+), ", m.group(4))
+        default = re.search(r"~(\d+) \(estimated\)", m.group(4))
+        peer[(m.group(1), int(m.group(2)))] = (
+            float(m.group(3)), int(equal.group(1)) if equal else None,
+            float(equal.group(2)) if equal else None,
+            float(default.group(1)) if default else None)
+    lumbra = google_benchmark(os.path.join(build, "bench", "bench_nearness"),
+                              dict(env, LUMBRA_NEARNESS_TARGETS=directory,
+                                   LUMBRA_NEARNESS_SIZES=sizes), ".", 1)
+    return lumbra, peer
+
+
 def simulation(build, env):
     return google_benchmark(os.path.join(build, "bench", "bench_simul"), env, ".", 3)
 
@@ -144,6 +177,7 @@ def main():
         r["qp"] = qp(build, env, os.path.join(work, "qp"))
         r["stats"] = statistics(build, env)
         r["simul"] = simulation(build, env)
+        r["nearness"] = nearness(build, env, os.path.join(work, "nearness", name))
         r["load after"] = load()
         r["minutes"] = (time.time() - started) / 60
         results[name] = r
@@ -228,6 +262,38 @@ def print_tables(results):
         print("| %s | %s |" % (key, " | ".join(
             "%.4g %s" % (results[b]["simul"][key]["cpu_time"], results[b]["simul"][key]["time_unit"])
             for b in names)))
+
+
+    print("\n### Nearest correlation matrix, ORXmodelingSDLScorr (ms; peer statsmodels "
+          "corr_nearest at equal accuracy)\n")
+    cols = " | ".join("%s: %s" % (b, c) for b in names
+                      for c in ("evals", "lumbra", "statsmodels (iterations)", "ratio",
+                                "statsmodels default (est.)",
+                                "lumbra / ((evals + 1) DSYEVR)", "projection / DSYEVR"))
+    print("| kind | n | " + cols + " |")
+    print("|---|---|" + "---|" * 7 * len(names))
+    for n in NEARNESS_SIZES:
+        for kind in ("hard", "mild"):
+            cells = []
+            for b in names:
+                lumbra, peer = results[b]["nearness"]
+                rec = next(v for k, v in lumbra.items()
+                           if k.startswith("BM_NearestCorrelation/%s/%d/" % (kind, n)))
+                ours_ms, budget, sm_ms, default_ms = peer[(kind, n)]
+                cells += ["%d" % rec["evals"], "%.0f" % ours_ms,
+                          "%.0f (%d)" % (sm_ms, budget) if sm_ms is not None else "not reached",
+                          "%.2f" % (ours_ms / sm_ms) if sm_ms else "",
+                          "~%.0f" % default_ms if default_ms else "",
+                          "%.2f" % (1.0 / rec["dsyevr_share"]),
+                          "%.2f" % (rec["projection_ms"] / rec["dsyevr_ms"])]
+            print("| %s | %d | %s |" % (kind, n, " | ".join(cells)))
+    cells = []
+    for b in names:
+        lumbra, _ = results[b]["nearness"]
+        rec = next(v for k, v in lumbra.items() if k.startswith("BM_SdlsUnitDiagonal/"))
+        cells.append("%.0f ms (status %d)" % (rec["cpu_time"], rec["status"]))
+    print("\nORXmodelingSDLS, the same hard target at n = 200 with the unit diagonal as "
+          "200 constraint matrices: " + "; ".join("%s %s" % (b, c) for b, c in zip(names, cells)))
 
 
 if __name__ == "__main__":

@@ -15,23 +15,32 @@
 #include "qp/factors.h"
 #include "qp/products.h"
 
+// The two hottest loops of the factor updates (the Householder additions
+// and the deletions' reflections of Q) are compiled twice, for the baseline
+// x86-64 and for AVX2, and the loader picks the version the processor runs
+// (function multi-versioning).  Only the vector width differs: contraction
+// is off, so no fused multiply-add appears, and every element takes the
+// same operations in the same order, so both versions give the same
+// numbers.  Not under ThreadSanitizer, whose runtime is not yet set up when
+// the loader makes that choice.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define LUMBRA_UNDER_TSAN 1
+#endif
+#endif
+#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__) && !defined(LUMBRA_UNDER_TSAN)
+#define LUMBRA_WIDE_SIMD __attribute__((target_clones("avx2", "default")))
+#else
+#define LUMBRA_WIDE_SIMD
+#endif
+
 namespace lumbra::qp {
 
 namespace {
 
-// u = H z from the lower triangle of H, grouped per row as
-// u(i) = H(i,0:i) z(0:i) + H(i+1:n-1,i)' z(i+1:n-1).  The row part is
-// accumulated in ascending j down contiguous columns, the column part is
-// a sequential dot down each column, eight columns side by side: the same
-// sums as a strided row product, without reading H across its rows.
-void symLowerMulVec(const double* H, i64 ldh, i64 n, const double* z, double* u) {
-  qpLowerRowProducts(H, ldh, n, z, u);
-  qpLowerColumnDotsAdd(H, ldh, n, z, u);
-}
-
 // z' H z with u = H z formed in w: sum_i z(i) u(i), in order.
 double selfCurvature(const double* H, i64 ldh, i64 n, const double* z, double* w) {
-  symLowerMulVec(H, ldh, n, z, w);
+  qpLowerSymProduct(H, ldh, n, z, w);
   double sum = 0.0;
   for (i64 i = 0; i < n; ++i) sum += z[i] * w[i];
   return sum;
@@ -42,33 +51,90 @@ void swapColumns(double* T, i64 ldt, i64 rows, i64 a, i64 b) {
   for (i64 i = 0; i < rows; ++i) std::swap(T[at(i, a, ldt)], T[at(i, b, ldt)]);
 }
 
-// Coefficient j of the normal (a, or +-e_id when id is non-zero) in the
-// basis Q: q_j' a.
-double coefficient(const double* Q, i64 ldq, const double* a, i64 n, int id, i64 j) {
-  const i64 row = id < 0 ? -id : id;
-  const double v = row > 0 ? Q[at(row - 1, j, ldq)] : qpBlasDot(n, &Q[at(0, j, ldq)], 1, a, 1);
+// Coefficient j of the bound normal +-e_id in the basis Q: +-Q(id-1,j).
+double boundCoefficient(const double* Q, i64 ldq, int id, i64 j) {
+  const double v = Q[at((id < 0 ? -id : id) - 1, j, ldq)];
   return id < 0 ? -v : v;
 }
 
-// Column k-1 (0-based) of R above the diagonal: R(0:k-2,k-1) = Q(:,0:k-2)' a.
+// Positions of the non-zero entries of a, when there are at most
+// kSparseNormal of them and every entry is finite; returns their count, or
+// -1 when the normal is to be treated as dense.
+constexpr int kSparseNormal = 32;
+int sparsePattern(const double* a, i64 n, i64* idx) {
+  int count = 0;
+  for (i64 i = 0; i < n; ++i) {
+    if (!std::isfinite(a[i])) return -1;
+    if (a[i] == 0.0) continue;
+    if (count == kSparseNormal) return -1;
+    idx[count++] = i;
+  }
+  return count;
+}
+
+// out(j - j0) = Q(:,j)' a for the columns j0..j1-1, each the sequential sum
+// from 0.0 over ascending i (the reference DDOT).  A zero entry of a adds a
+// zero product, which leaves such a sum as it is (the sum is never -0.0,
+// as it starts from +0.0); so a normal with few non-zeros, like a row that
+// stands for a bound in a homogeneous problem, takes only its non-zero
+// terms, in the same order.  A dense one is a DGEMV ('T', alpha 1, beta 0).
+void normalCoefficients(const double* Q, i64 ldq, i64 n, const double* a, i64 j0, i64 j1,
+                        double* out) {
+  if (j1 <= j0) return;
+  i64 idx[kSparseNormal];
+  const int nnz = sparsePattern(a, n, idx);
+  if (nnz >= 0) {
+    for (i64 j = j0; j < j1; ++j) {
+      double s = 0.0;
+      for (int t = 0; t < nnz; ++t) s = s + Q[at(idx[t], j, ldq)] * a[idx[t]];
+      out[j - j0] = s;
+    }
+    return;
+  }
+  constexpr double kOne = 1.0, kZero = 0.0;
+  constexpr int kUnit = 1;
+  const int rows = static_cast<int>(n), cols = static_cast<int>(j1 - j0);
+  const int ld = static_cast<int>(ldq);
+  dgemv_("T", &rows, &cols, &kOne, &Q[at(0, j0, ldq)], &ld, a, &kUnit, &kZero, out, &kUnit, 1);
+}
+
+// Column k-1 (0-based) of R above the diagonal: R(0:k-2,k-1) = Q(:,0:k-2)' a
+// (a = +-e_id when id is non-zero).
 void rangePart(const double* Q, i64 ldq, double* R, i64 ldr, const double* a, i64 n, i64 k,
                int id) {
-  for (i64 j = 0; j + 1 < k; ++j) R[at(j, k - 1, ldr)] = coefficient(Q, ldq, a, n, id, j);
+  if (id != 0) {
+    for (i64 j = 0; j + 1 < k; ++j) R[at(j, k - 1, ldr)] = boundCoefficient(Q, ldq, id, j);
+    return;
+  }
+  normalCoefficients(Q, ldq, n, a, 0, k - 1, &R[at(0, k - 1, ldr)]);
 }
 
 // The part still to be reduced, w = Q(:,k-1:n-1)' a; returns its 2-norm.
 double nullPart(const double* Q, i64 ldq, const double* a, double* w, i64 n, i64 k, int id) {
-  for (i64 j = k - 1; j < n; ++j) w[j - (k - 1)] = coefficient(Q, ldq, a, n, id, j);
+  if (id != 0) {
+    for (i64 j = k - 1; j < n; ++j) w[j - (k - 1)] = boundCoefficient(Q, ldq, id, j);
+  } else {
+    normalCoefficients(Q, ldq, n, a, k - 1, n, w);
+  }
   return qpBlasNrm2(n - k + 1, w, 1);
 }
 
-// Q(:,c0:c0+len-1) -= (Q(:,c0:c0+len-1) w) w', rows in blocks of eight so
-// that each column segment is read contiguously.
-void applyReflector(double* Q, i64 ldq, i64 n, i64 c0, i64 len, const double* w) {
-  constexpr i64 kBlock = 8;
+// Q(:,c0:c0+len-1) -= (Q(:,c0:c0+len-1) w) w', rows in blocks of 32: t(i)
+// the sum over j in ascending order from 0.0, then Q(i,j) - t(i) w(j) (what
+// the reference DGEMV and DGER would form).  The block's 32 sums advance
+// side by side down contiguous column segments, and the block stays in the
+// first-level cache for the update.  This stays in the library's own loop,
+// with the same numbers on every BLAS: the dependency tests of the start
+// vertex and the rest of the path are read from these reflections, and on
+// exactly tied data an optimised BLAS's rounding of them led a solve to a
+// markedly less accurate point (the tied mean-variance case of the cvxopt
+// comparison test).
+LUMBRA_WIDE_SIMD void applyReflector(double* Q, i64 ldq, i64 n, i64 c0, i64 len,
+                                     const double* w) {
+  constexpr i64 kBlock = 32;
   for (i64 i0 = 0; i0 < n; i0 += kBlock) {
     const i64 nb = std::min(kBlock, n - i0);
-    double t[kBlock] = {0, 0, 0, 0, 0, 0, 0, 0};
+    double t[kBlock] = {};
     for (i64 j = 0; j < len; ++j) {
       const double* q = &Q[at(i0, c0 + j, ldq)];
       for (i64 b = 0; b < nb; ++b) t[b] += q[b] * w[j];
@@ -186,38 +252,76 @@ void ANFM04(double* Q, const int& ldq, double* R, const int& ldr, const double* 
   R[at(k - 1, k - 1, ldr)] = rho;
 }
 
+namespace {
+
+// Reflections of ANFM02 gathered before they meet Q: at most kPairChunk at
+// a time, each on the columns (col-1, col) of Q with the factors u1, u2, v.
+constexpr i64 kPairChunk = 32;
+
+// Applies the gathered reflections in order to every row of Q: for each
+// pair, t = -Q(i,col-1) - Q(i,col) v, Q(i,col-1) += u1 t, Q(i,col) += u2 t.
+// A row meets the reflections in the same order as in a sweep column pair
+// after column pair, so every number is the same; a block of rows goes
+// through the whole chunk while its columns stay in the first-level cache.
+LUMBRA_WIDE_SIMD void reflectPairs(double* Q, i64 ldq, i64 n, const i64* col,
+                                   const double* u1, const double* u2, const double* v,
+                                   i64 count) {
+  constexpr i64 kRows = 64;
+  for (i64 i0 = 0; i0 < n; i0 += kRows) {
+    const i64 i1 = std::min(n, i0 + kRows);
+    for (i64 t = 0; t < count; ++t) {
+      double* qa = &Q[at(0, col[t] - 1, ldq)];
+      double* qb = &Q[at(0, col[t], ldq)];
+      const double a1 = u1[t], a2 = u2[t], vt = v[t];
+      for (i64 i = i0; i < i1; ++i) {
+        const double s = -qa[i] - qb[i] * vt;
+        qa[i] += a1 * s;
+        qb[i] += a2 * s;
+      }
+    }
+  }
+}
+
+}  // namespace
+
 // Removes column p of R (1-based) by order-two Householder reflections that
 // restore the triangle behind it, applied to Q as well; then shifts the
-// columns p+1..k of R one place left.
+// columns p+1..k of R one place left.  The reflections depend on R alone,
+// so R is swept first, a chunk of pairs at a time, and each chunk then
+// reflects Q.
 void ANFM02(double* Q, const int& ldq, double* R, const int& ldr, const int& n, const int& k,
             const int& p, const int& channel) {
   (void)channel;
   if (!(k >= p && k >= 2 && p >= 1 && n <= ldq && n <= ldr)) qpArgumentTrap("ANFM02");
   if (p == k) return;
-  for (i64 j = p; j < k; ++j) {  // 0-based column j, pair of rows (j-1, j)
-    const double x0 = R[at(j - 1, j, ldr)], y0 = R[at(j, j, ldr)];
-    if (y0 == 0.0) continue;
-    double sigma = qpBlasNrm2(2, &R[at(j - 1, j, ldr)], 1);
-    if (sigma <= kPrecision) continue;
-    if (x0 != 0.0) sigma = std::copysign(sigma, x0);
-    const double x = x0 / sigma, y = y0 / sigma;
-    const double u1 = 1.0 + x, u2 = y, v = u2 / u1;
-    R[at(j - 1, j, ldr)] = u1;
-    double* qa = &Q[at(0, j - 1, ldq)];
-    double* qb = &Q[at(0, j, ldq)];
-    for (i64 i = 0; i < n; ++i) {
-      const double t = -qa[i] - qb[i] * v;
-      qa[i] += u1 * t;
-      qb[i] += u2 * t;
+  i64 col[kPairChunk];
+  double u1s[kPairChunk], u2s[kPairChunk], vs[kPairChunk];
+  i64 j = p;  // 0-based column j, pair of rows (j-1, j)
+  while (j < k) {
+    i64 count = 0;
+    for (; j < k && count < kPairChunk; ++j) {
+      const double x0 = R[at(j - 1, j, ldr)], y0 = R[at(j, j, ldr)];
+      if (y0 == 0.0) continue;
+      double sigma = qpBlasNrm2(2, &R[at(j - 1, j, ldr)], 1);
+      if (sigma <= kPrecision) continue;
+      if (x0 != 0.0) sigma = std::copysign(sigma, x0);
+      const double x = x0 / sigma, y = y0 / sigma;
+      const double u1 = 1.0 + x, u2 = y, v = u2 / u1;
+      for (i64 c = j + 1; c < k; ++c) {
+        double& ra = R[at(j - 1, c, ldr)];
+        double& rb = R[at(j, c, ldr)];
+        const double t = -ra - rb * v;
+        ra += u1 * t;
+        rb += u2 * t;
+      }
+      R[at(j - 1, j, ldr)] = -sigma;
+      col[count] = j;
+      u1s[count] = u1;
+      u2s[count] = u2;
+      vs[count] = v;
+      ++count;
     }
-    for (i64 c = j + 1; c < k; ++c) {
-      double& ra = R[at(j - 1, c, ldr)];
-      double& rb = R[at(j, c, ldr)];
-      const double t = -ra - rb * v;
-      ra += u1 * t;
-      rb += u2 * t;
-    }
-    R[at(j - 1, j, ldr)] = -sigma;
+    reflectPairs(Q, ldq, n, col, u1s, u2s, vs, count);
   }
   // column c-1 of R takes R(0:c-1, c), c = p..k-1 (0-based)
   for (i64 c = p; c < k; ++c)
@@ -324,7 +428,7 @@ double eliminateRow(const double* H, i64 ldh, double* T, i64 ldt, const double* 
   const i64 rr = K + r;
   const double s = std::sqrt(d);
   T[at(rr, r, ldt)] = s;
-  symLowerMulVec(H, ldh, n, zColumn(Z, ldz, m, ipvt, r), w);
+  qpLowerSymProduct(H, ldh, n, zColumn(Z, ldz, m, ipvt, r), w);
   double mx = 0.0;
   for (i64 c = r + 1; c < L; ++c) {
     const double t = (qpBlasDot(n, zColumn(Z, ldz, m, ipvt, c), 1, w, 1) -
@@ -366,7 +470,7 @@ int hiddenCouplingStatus(const double* H, i64 ldh, double* T, i64 ldt, const dou
   i64 bigCol = q;
   double bigVal = dmin;
   for (i64 rp = r; rp < L - 1; ++rp) {
-    symLowerMulVec(H, ldh, n, zColumn(Z, ldz, m, ipvt, rp), w);
+    qpLowerSymProduct(H, ldh, n, zColumn(Z, ldz, m, ipvt, rp), w);
     for (i64 c = rp + 1; c < L; ++c) {
       const double t = qpBlasDot(n, zColumn(Z, ldz, m, ipvt, c), 1, w, 1) -
                        qpBlasDot(rr, &T[at(0, c, ldt)], 1, &T[at(0, rp, ldt)], 1);
@@ -645,7 +749,7 @@ void ANFM06(const double* z, const int& ldq, double* HR, const int& ldr, double*
   double* T = &HR[at(0, k, ldr)];
   double* v = &HR[at(0, n, ldr)];
 
-  symLowerMulVec(HR, ldr, n, z, w);
+  qpLowerSymProduct(HR, ldr, n, z, w);
   double c = qpBlasDot(n, z, 1, w, 1);
   // T one column left: column j keeps its j+1 entries
   for (i64 j = 0; j < nz0; ++j)

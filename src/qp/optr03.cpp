@@ -115,17 +115,12 @@ void factorAfresh(Loop& L, int flag) {
 }
 
 // G = H x + g from the lower triangle of H:
-// G(i) = H(i,0:i) x(0:i) + H(i+1:n-1,i)' x(i+1:n-1) + g(i).
-// The row products are accumulated in sweeps down the columns, eight
-// columns per sweep, term j after term j - 1 for every row, which is the
-// order of a sequential strided dot product but reads the triangle
-// contiguously; the column products are sequential dot products, eight of
-// them side by side.
+// G(i) = H(i,0:i) x(0:i) + H(i+1:n-1,i)' x(i+1:n-1) + g(i), the sums of
+// H x in the order qpLowerSymProduct gives.
 void gradient(Loop& L) {
   const i64 n = L.n;
   double* G = L.G;
-  qpLowerRowProducts(L.HR, L.ldh, n, L.x, G);  // G(i) = H(i,0:i) x(0:i)
-  qpLowerColumnDotsAdd(L.HR, L.ldh, n, L.x, G);  // G(i) += H(i+1:n-1,i)' x(i+1:n-1)
+  qpLowerSymProduct(L.HR, L.ldh, n, L.x, G);  // G = H x
   for (i64 i = 0; i + 1 < n; ++i) G[i] = G[i] + L.g[i];
   // the last row has an empty column product, which adds as 0.0
   if (n >= 1) G[n - 1] = G[n - 1] + 0.0 + L.g[n - 1];

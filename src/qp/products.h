@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// Dot products and matrix-vector products of the QP solver, several at a
-// time.
+// Dot products and matrix-vector products of the QP solver.
 //
 // Every inner product here is the plain sequential sum s = 0.0, then
-// s = s + a(i) x(i) for ascending i: the sum that the reference DDOT forms
-// (its unrolled loop adds its five products one after the other), and every
-// matrix-vector product is the column-after-column sweep of the reference
-// DGEMV with beta 0.  A single such sum is bound by the latency of the
-// addition; these routines run up to eight independent sums side by side,
-// so that the additions overlap, while each sum keeps its own terms in its
-// own order.  The results are the same bits as one DDOT per sum.
+// s = s + a(i) x(i) for ascending i: the sum that the reference DDOT and
+// DGEMV ('T') form (the unrolled loop of DDOT adds its five products one
+// after the other), and every matrix-vector product is the
+// column-after-column sweep of the reference DGEMV ('N'), y(i) = y(i) +
+// x(j) A(i,j).  These routines hand those sums to the BLAS, in pieces
+// chosen so that the reference library forms exactly the sums described at
+// each routine (the regression corpus holds the solver to them); an
+// optimised BLAS forms the same sums in its own order, to within rounding.
 #pragma once
 #include "kernels/index.h"
 
@@ -20,16 +20,12 @@ namespace lumbra::qp {
 void qpColumnDots(const double* A, i64 lda, i64 m, i64 cols, const double* x, double* out,
                   i64 step);
 
-// u(i) = u(i) + H(i+1:n-1,i)' z(i+1:n-1) for i = 0..n-2: the part of H z
-// that lies strictly below the diagonal of the stored lower triangle, read
-// down the columns.  u(n-1) is not touched.
-void qpLowerColumnDotsAdd(const double* H, i64 ldh, i64 n, const double* z, double* u);
-
-// u(i) = H(i,0:i) z(0:i) for i = 0..n-1: the part of H z on and left of
-// the diagonal of the stored lower triangle, each u(i) formed from 0.0 by
-// adding H(i,j) z(j) for j = 0..i in turn (the order of a strided row dot
-// product), eight columns per sweep down u.
-void qpLowerRowProducts(const double* H, i64 ldh, i64 n, const double* z, double* u);
+// u = H z from the stored lower triangle of the symmetric H, grouped per
+// row as u(i) = H(i,0:i) z(0:i) + H(i+1:n-1,i)' z(i+1:n-1): the first sum
+// formed from 0.0 by adding H(i,j) z(j) for j = 0..i in turn (the order of
+// a strided row dot product), the second a sequential dot down column i
+// from 0.0, added last (nothing is added to u(n-1)).
+void qpLowerSymProduct(const double* H, i64 ldh, i64 n, const double* z, double* u);
 
 // y(0:m-1) = A(0:m-1,0:cols-1) x, as DGEMV 'N' with alpha 1 and beta 0
 // forms it: y = 0, then y(i) = y(i) + x(j) A(i,j) for j = 0..cols-1.
