@@ -75,7 +75,12 @@ def compare(tag, C, A, b, B, lo, up, floor, asymmetric=False):
     Csym = np.triu(C) + np.triu(C, 1).T
     M = len(A) + 2 * len(B)
     code, status, X = sdls(C, A, b, B, lo, up, 1e-7 / max(M, 1), floor)
-    check(code == 0 and status == 0, f"{tag}: return {code} status {status}")
+    # The tolerance asks for residuals near the end of double precision, so
+    # the line search may run out of digits first (1106, result usable):
+    # where exactly depends on the BLAS's roundings, and the reference
+    # library's come out there on one of these problems.  The result must
+    # meet every check below either way.
+    check((code, status) in ((0, 0), (6, 1106)), f"{tag}: return {code} status {status}")
     check(np.array_equal(X, X.T), f"{tag}: result not exactly symmetric")
     Xr, how = reference(C, A, b, B, lo, up, floor)
     check(how == "optimal", f"{tag}: reference ended {how}")
