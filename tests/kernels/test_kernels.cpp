@@ -212,10 +212,14 @@ TEST(SpectralKernels, PositiveDefinitenessThresholdOnRealSchurParts) {
   const double rotation[4] = {1.0, 4.0, -4.0, 1.0};
   matPositiveDefiniteCheck(n, rotation, iwork.data(), work.data(), flag);
   EXPECT_EQ(0, flag);
-  // The threshold itself passes: the comparison is strict.
-  const double atThreshold[4] = {kDefiniteThreshold, 0.0, 0.0, 1.0};
-  matPositiveDefiniteCheck(n, atThreshold, iwork.data(), work.data(), flag);
-  EXPECT_EQ(0, flag);
+  // The threshold is single-precision 1e-12 widened, 9.99999996e-13: the
+  // threshold itself passes (the comparison is strict), and so does an
+  // eigenvalue between it and the double 1e-12.
+  for (const double smallest : {double(1e-12f), 9.99999998e-13}) {
+    const double nearThreshold[4] = {smallest, 0.0, 0.0, 1.0};
+    matPositiveDefiniteCheck(n, nearThreshold, iwork.data(), work.data(), flag);
+    EXPECT_EQ(0, flag) << lumbra::testing::hex(smallest);
+  }
 }
 
 TEST(SpectralKernels, SchurRealPartsWithoutVectorsAreTheSame) {
