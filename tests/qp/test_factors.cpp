@@ -111,6 +111,22 @@ TEST(QpReducedFactor, FreshStatuses) {
   }
 }
 
+// Diagonal pivoting picks the largest diagonal, the first of equals: with
+// Z = reversal and H = diag(0, 2, 2), position 2 is pivot 1 (ahead of its
+// tie, position 3), then position 3; the zero one is the singular tail.
+TEST(QpReducedFactor, PivotTieGoesToTheFirstColumn) {
+  const int m = 3;
+  Vec H(9, 0.0), Z(9, 0.0), T(9, 0.0), w(m);
+  H[at(1, 1, m)] = H[at(2, 2, m)] = 2.0;
+  for (int j = 0; j < m; ++j) Z[at(m - 1 - j, j, m)] = 1.0;
+  std::vector<int> ipvt(m);
+  int kf = 0;
+  ANFM03(H.data(), m, T.data(), m, Z.data(), m, w.data(), ipvt.data(), m, m, kf, 1,
+         FactorState::kChannel);
+  EXPECT_EQ((std::vector<int>{2, 3, 1}), ipvt);
+  EXPECT_EQ(1, kf);
+}
+
 TEST(QpFactorsDeathTest, ArgumentTrap) {
   Vec Q(4, 0.0), R(6, 0.0);
   EXPECT_DEATH(ANFM02(Q.data(), 2, R.data(), 2, 2, 2, 0, FactorState::kChannel),
