@@ -163,7 +163,8 @@ TEST(QpDriverFailure, IterationLimit) {
 // equality fixes x (a later contradicting one is never read), and each
 // failure (-8 zero row, -9 empty interval, -7 impossible zero inequality)
 // leaves x as it was; an interval empty by less than the tolerance 1e-15
-// is not empty (x <= -1 - 2^-52 against the lower bound -1).
+// is not empty (x <= -1 - 2^-52 against the lower bound -1); a coefficient
+// at or below the tolerance makes a zero row.
 TEST(QpScalar, Cases) {
   struct Case { double h, c; int me, mi; Vec C, d; int status; double x; };
   const double justBelow = std::nextafter(-1.0, -2.0);
@@ -174,7 +175,10 @@ TEST(QpScalar, Cases) {
                         {1.0, 0.0, 2, 1, {0.0, 4.0, 1.0}, {0.0, 3.0, 9.0}, 0, 0.75},
                         {1.0, 0.0, 1, 0, {0.0}, {1.0}, -8, 42.0},
                         {1.0, 0.0, 1, 0, {1.0}, {5.0}, -9, 42.0},
-                        {1.0, 0.0, 0, 1, {0.0}, {-1.0}, -7, 42.0}};
+                        {1.0, 0.0, 0, 1, {0.0}, {-1.0}, -7, 42.0},
+                        // 1.00000000001e-15 is below the widened 1e-15f,
+                        // 1.0000000036e-15: a zero row, so -7 (not -9)
+                        {1.0, 0.0, 0, 1, {1.00000000001e-15}, {-1.0}, -7, 42.0}};
   const double none = 0.0;
   for (const Case& k : cases) {
     double x = 42.0;
