@@ -23,16 +23,6 @@ using testqp::FactorState;
 using testqp::randomVector;
 using testqp::Vec;
 
-// The precision constants are the machine's (catches a mistyped literal).
-TEST(QpFactorConstants, MatchMachinePrecision) {
-  EXPECT_BITEQ(dlamch_("P", 1), kPrecision);
-  EXPECT_BITEQ(dlamch_("O", 1), kOverflow);
-  EXPECT_BITEQ(std::sqrt(dlamch_("O", 1)), kSqrtOverflow);
-  EXPECT_BITEQ(std::pow(kPrecision, 0.75), kPrecision075);
-  EXPECT_BITEQ(std::pow(kPrecision, static_cast<double>(0.9f)), kPrecision09);
-  EXPECT_BITEQ(1.0 / std::sqrt(kPrecision), kInverseSqrtPrecision);
-}
-
 // Positive definite H: st stays 0 and the factors exact through a mixed
 // sequence of additions (rows and bounds) and deletions.
 TEST(QpFactors, DefiniteSequenceKeepsInvariants) {
