@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Engine paths the exports cannot show: the one-asset problem, which skips
 // the feasibility start and keeps the scalar solver's status, and what a
-// failed feasibility start leaves in the weights.  Work arrays have the
+// failed feasibility start leaves in the weights; and the smallest scale
+// the Sharpe transformation accepts.  Work arrays have the
 // exact sizes of the export formulas, so the sanitizer build checks the
 // carving too.
 #include <gtest/gtest.h>
@@ -10,6 +11,7 @@
 
 #include "alloc/alloc.h"
 #include "alloc/alloc_internal.h"
+#include "lumbra.h"
 #include "test_support.h"
 
 using namespace lumbra;
@@ -87,4 +89,30 @@ TEST(AllocPaths, FailedFeasibilityStartLeavesItsPointInTheWeights) {
     EXPECT_BITEQ(scratch[i], x[i]) << i;
     EXPECT_BITEQ(x[i], w[i]) << i;
   }
+}
+
+TEST(AllocPaths, SharpeScaleDownToItsFloor) {
+  // Returns and risk-free rate times 1e10 leave the tangency portfolio as it
+  // is, but the scale tau = 1 / (mu' w - r_f) falls to about 1.7e-9: above
+  // the floor 1e-12 the transformation is undone as usual (the scaled QP
+  // rounds differently: 1e-9 on weights of order 1).  Times 1e14 tau is
+  // below the floor: -113, with the fully invested weights of stage 1.
+  int n = 3, nEq = 1, nIneq = 0;
+  double cov[9] = {0.04, 0.01, 0.0, 0.01, 0.09, 0.02, 0.0, 0.02, 0.16};
+  double cons[3] = {1.0, 1.0, 1.0}, rhs[1] = {1.0};
+  double lower[3] = {0.0, 0.0, 0.0}, upper[3] = {1.0, 1.0, 1.0};
+  double w[3][3];
+  int status[3];
+  const double scales[3] = {1.0, 1e10, 1e14};
+  for (int k = 0; k < 3; ++k) {
+    double mu[3] = {0.05 * scales[k], 0.08 * scales[k], 0.11 * scales[k]};
+    double riskFree = 0.02 * scales[k];
+    ORXallocSharpeRatio(&n, cov, mu, &nEq, &nIneq, cons, rhs, lower, upper, &riskFree, w[k],
+                        &status[k]);
+  }
+  EXPECT_EQ(0, status[0]);
+  EXPECT_EQ(0, status[1]);
+  for (int i = 0; i < n; ++i) EXPECT_NEAR(w[0][i], w[1][i], 1e-9) << i;
+  EXPECT_EQ(-113, status[2]);
+  EXPECT_NEAR(1.0, w[2][0] + w[2][1] + w[2][2], 1e-12);
 }

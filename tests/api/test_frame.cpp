@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // The call frame through the exports: orders and replacements of the
-// argument tests, clearing, caller's arrays left as they were, layout
-// conversion, work-array failures and the status mapping.
+// argument tests (one table over every export), clearing, caller's arrays
+// left as they were, layout conversion, work-array failures and the status
+// mapping.
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <vector>
 
 #include "api/frame.h"
+#include "export_cases.h"
 #include "lumbra.h"
 #include "test_support.h"
 
@@ -21,143 +24,154 @@ namespace {
 constexpr double kSentinel = -777.0;
 constexpr int kStatusSentinel = 12345;
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
+// Expected return of a call that passes every argument test: whatever the
+// engine says, it is not an argument status.
+constexpr int kPasses = 0;
 
-// A two-asset allocation problem whose arrays a test can spoil one at a time.
-struct AllocCase {
-  int n = 2, nEq = 1, nIneq = 0;
-  std::vector<double> cov = {0.04, 0.01, 0.01, 0.09};
-  std::vector<double> mu = {0.05, 0.08};
-  std::vector<double> bench = {0.02, 0.03};
-  std::vector<double> cons = {1.0, 1.0};
-  std::vector<double> rhs = {1.0};
-  std::vector<double> lower = {0.0, 0.0};
-  std::vector<double> upper = {1.0, 1.0};
-  double target = 0.06, benchReturn = 0.05, excess = 0.01;
-  std::vector<double> weights = {kSentinel, kSentinel};
-  int status = kStatusSentinel;
-  double *pCov = cov.data(), *pMu = mu.data(), *pBench = bench.data(), *pCons = cons.data(),
-         *pRhs = rhs.data(), *pLower = lower.data(), *pUpper = upper.data();
+using lumbra::testing::CallData;
+using lumbra::testing::Export;
 
-  int mv() {
-    return ORXallocMV(&n, pCov, pMu, &nEq, &nIneq, pCons, pRhs, pLower, pUpper, &target,
-                      weights.data(), &status);
-  }
-  int it() {
-    return ORXallocIT(&n, pCov, pMu, pBench, &benchReturn, &nEq, &nIneq, pCons, pRhs, pLower,
-                      pUpper, &excess, weights.data(), &status);
-  }
-  int sharpe() {
-    return ORXallocSharpeRatio(&n, pCov, pMu, &nEq, &nIneq, pCons, pRhs, pLower, pUpper,
-                               &target, weights.data(), &status);
-  }
-  bool cleared() const { return status == 0 && weights[0] == 0.0 && weights[1] == 0.0; }
+// A null pointer in place of the array.
+void drop(std::vector<double>& v) { std::vector<double>().swap(v); }
+
+struct ArgCase {
+  Export e;
+  const char* what;
+  std::function<void(CallData&)> spoil;
+  int ret;
 };
 
 }  // namespace
 
-TEST(AllocatorArguments, ChainStopsAtTheFirstFailureInItsOrder) {
-  AllocCase c;
-  c.nEq = -1;
-  c.n = 1;
-  EXPECT_EQ(304, c.mv());  // nEq is tested before n
-  EXPECT_EQ(306, c.it());
-  c.nEq = 1;
-  EXPECT_EQ(301, c.mv());
-  c.n = 2;
-  c.pUpper = nullptr;
-  c.pCov = nullptr;
-  EXPECT_EQ(309, c.mv());
-  EXPECT_EQ(311, c.it());
-  c.pUpper = c.upper.data();
-  c.pLower = nullptr;
-  EXPECT_EQ(308, c.sharpe());
-  c.pLower = c.lower.data();
-  c.pRhs = nullptr;
-  EXPECT_EQ(307, c.mv());
-  c.pRhs = c.rhs.data();
-  c.pMu = nullptr;
-  c.pBench = nullptr;
-  EXPECT_EQ(304, c.it());  // benchCov comes before mu
-  EXPECT_EQ(303, c.mv());
-  c.pMu = c.mu.data();
-  EXPECT_EQ(302, c.mv());
-  EXPECT_TRUE(c.cleared());
-}
-
-TEST(AllocatorArguments, NegativeInequalityCountReplacesTheChain) {
-  AllocCase c;
-  c.pCons = nullptr;
-  c.nIneq = -3;
-  EXPECT_EQ(305, c.mv());
-  EXPECT_EQ(307, c.it());
-  c.nEq = -1;
-  EXPECT_EQ(305, c.sharpe());
-}
-
-TEST(AllocatorArguments, BoundScanReportsTheLowerBound) {
-  AllocCase c;
-  c.lower = {0.0, 0.7};
-  c.upper = {1.0, 0.5};
-  EXPECT_EQ(308, c.mv());
-  EXPECT_EQ(310, c.it());
-  EXPECT_TRUE(c.cleared());
-  // The scan runs only after the chain passed: a null pointer wins.
-  c.pMu = nullptr;
-  EXPECT_EQ(303, c.mv());
-}
-
-TEST(AllocatorArguments, EqualBoundsPassTheScanNaNBoundsFailIt) {
-  // Past the tests the frame runs the engine; whatever it says, it is not an
-  // argument status.
-  AllocCase c;
-  c.lower = {0.5, 0.5};
-  c.upper = {0.5, 0.5};
-  EXPECT_LT(c.mv(), 300);
-  // A NaN on either side fails the scan, which reports the lower bound.
-  AllocCase d;
-  d.lower = {0.0, kNaN};
-  EXPECT_EQ(308, d.mv());
-  d.lower = {0.0, 0.0};
-  d.upper = {kNaN, 1.0};
-  EXPECT_EQ(310, d.it());
-  EXPECT_TRUE(d.cleared());
-  AllocCase e;  // no constraints at all: the counts may be zero, the pointers not
-  e.nEq = 0;
-  EXPECT_LT(e.mv(), 300);
-  e.pRhs = nullptr;
-  EXPECT_EQ(307, e.mv());
-}
-
-TEST(ReturnsArguments, OrderReplacementAndPriceScan) {
-  int nObs = 3, nSeries = 2, lag = 1, status = kStatusSentinel;
-  std::vector<double> prices = {1.0, 2.0, 1.5, 2.5, 3.0, 0.0};
-  std::vector<double> result(4, kSentinel);
-  EXPECT_EQ(303, ORXmodelingReturns(&nObs, &nSeries, prices.data(), &lag, result.data(), &status));
-  EXPECT_EQ(0, status);
-  for (double v : result) EXPECT_BITEQ(0.0, v);
-  prices[5] = -1.0;
-  EXPECT_EQ(303, ORXmodelingLogReturns(&nObs, &nSeries, prices.data(), &lag, result.data(), &status));
-  nSeries = 0;
-  EXPECT_EQ(302, ORXmodelingReturns(&nObs, &nSeries, nullptr, &lag, result.data(), &status));
-  nSeries = 2;
-  nObs = 1;
-  EXPECT_EQ(304, ORXmodelingReturns(&nObs, &nSeries, nullptr, &lag, result.data(), &status));
-  nObs = 3;
-  EXPECT_EQ(303, ORXmodelingReturns(&nObs, &nSeries, nullptr, &lag, result.data(), &status));
-}
-
-TEST(ReturnsArguments, LagOfAllObservationsClearsNothing) {
-  int nObs = 3, nSeries = 2, lag = 3, status = kStatusSentinel;
-  std::vector<double> prices = {1.0, 2.0, 1.5, 2.5, 3.0, 4.0};
-  std::vector<double> result(4, kSentinel);
-  EXPECT_EQ(304, ORXmodelingReturns(&nObs, &nSeries, prices.data(), &lag, result.data(), &status));
-  EXPECT_EQ(0, status);
-  for (double v : result) EXPECT_BITEQ(kSentinel, v);
-  lag = 2;  // a valid lag: one row of two returns, the rest untouched
-  EXPECT_EQ(0, ORXmodelingReturns(&nObs, &nSeries, prices.data(), &lag, result.data(), &status));
-  EXPECT_BITEQ(2.0, result[0]);
-  EXPECT_BITEQ(1.0, result[1]);
-  EXPECT_BITEQ(kSentinel, result[2]);
+// Each export tests its arguments in a fixed order and reports the first
+// failure as 300 + position; some tests replace the whole chain (a negative
+// inequality count, the VaR level), some run only after it (the bound scan,
+// the price scan, the kernel's points).  A refusal writes status 0, clears
+// exactly the result (nothing beyond it) and leaves every input as it was.
+TEST(Arguments, EachExportReportsTheFirstFailureInItsOrder) {
+  using E = Export;
+  const ArgCase cases[] = {
+      // allocators: nEq, n, upper, lower, rhs, cons, benchCov, mu, cov
+      {E::AllocMV, "nEq before n", [](CallData& d) { d.nEq = -1; d.n = 1; }, 304},
+      {E::AllocIT, "nEq before n", [](CallData& d) { d.nEq = -1; d.n = 1; }, 306},
+      {E::AllocMV, "n below 2", [](CallData& d) { d.n = 1; }, 301},
+      {E::AllocMV, "upper before lower and cov",
+       [](CallData& d) { drop(d.upper); drop(d.lower); drop(d.cov); }, 309},
+      {E::AllocIT, "upper before lower and cov",
+       [](CallData& d) { drop(d.upper); drop(d.lower); drop(d.cov); }, 311},
+      {E::AllocSharpe, "lower before cov", [](CallData& d) { drop(d.lower); drop(d.cov); }, 308},
+      {E::AllocMV, "rhs", [](CallData& d) { drop(d.rhs); }, 307},
+      {E::AllocIT, "benchCov before mu", [](CallData& d) { drop(d.mu); drop(d.benchCov); }, 304},
+      {E::AllocMV, "mu before cov", [](CallData& d) { drop(d.mu); drop(d.cov); }, 303},
+      {E::AllocMV, "cov", [](CallData& d) { drop(d.cov); }, 302},
+      {E::AllocMV, "negative nIneq replaces the chain",
+       [](CallData& d) { drop(d.cons); d.nIneq = -3; }, 305},
+      {E::AllocIT, "negative nIneq replaces the chain",
+       [](CallData& d) { drop(d.cons); d.nIneq = -3; }, 307},
+      {E::AllocSharpe, "negative nIneq replaces nEq too",
+       [](CallData& d) { d.nEq = -1; d.nIneq = -3; }, 305},
+      {E::AllocMV, "lower above upper: the lower bound",
+       [](CallData& d) { d.lower[1] = 0.7; d.upper[1] = 0.5; }, 308},
+      {E::AllocIT, "lower above upper: the lower bound",
+       [](CallData& d) { d.lower[1] = 0.7; d.upper[1] = 0.5; }, 310},
+      {E::AllocMV, "the bound scan runs after the chain",
+       [](CallData& d) { d.lower[1] = 0.7; d.upper[1] = 0.5; drop(d.mu); }, 303},
+      {E::AllocMV, "NaN lower bound", [](CallData& d) { d.lower[1] = kNaN; }, 308},
+      {E::AllocIT, "NaN upper bound", [](CallData& d) { d.upper[0] = kNaN; }, 310},
+      {E::AllocMV, "equal bounds pass",
+       [](CallData& d) { d.lower = d.upper = {0.25, 0.25, 0.5}; }, kPasses},
+      {E::AllocMV, "no constraints", [](CallData& d) { d.nEq = d.nIneq = 0; }, kPasses},
+      {E::AllocMV, "no constraints, still a rhs",
+       [](CallData& d) { d.nEq = d.nIneq = 0; drop(d.rhs); }, 307},
+      // returns: nSeries, nObs, prices, then lag, then the price scan
+      {E::Returns, "a zero price", [](CallData& d) { d.prices[7] = 0.0; }, 303},
+      {E::LogReturns, "a negative price", [](CallData& d) { d.prices[7] = -1.0; }, 303},
+      {E::Returns, "nSeries first", [](CallData& d) { d.nSeries = 0; drop(d.prices); }, 302},
+      {E::Returns, "nObs before prices", [](CallData& d) { d.nObs = 1; drop(d.prices); }, 304},
+      {E::Returns, "prices", [](CallData& d) { drop(d.prices); }, 303},
+      {E::Returns, "lag of all observations", [](CallData& d) { d.lag = 4; }, 304},
+      {E::LogReturns, "lag of all observations", [](CallData& d) { d.lag = 4; }, 304},
+      // covariance and correlation: nAssets, nObs, returns
+      {E::Cov, "nObs below 2", [](CallData& d) { d.nHist = 1; drop(d.hist); }, 301},
+      {E::Corr, "returns", [](CallData& d) { d.nHist = 2; drop(d.hist); }, 303},
+      {E::Cov, "nAssets first", [](CallData& d) { d.nAssets = 0; drop(d.hist); }, 302},
+      // ex-ante and ex-post measures: the level replaces the chain
+      {E::ExanteNormalVaR, "level 1 before n", [](CallData& d) { d.level = 1.0; d.nEx = 0; }, 305},
+      {E::ExanteModifiedVaR, "level 0 before the sizes",
+       [](CallData& d) { d.level = 0.0; d.nHist = 2; d.nAssets = 0; }, 306},
+      {E::ExanteNormalVaR, "n", [](CallData& d) { d.nEx = 0; }, 301},
+      {E::ExanteModifiedVaR, "nAssets", [](CallData& d) { d.nHist = 2; d.nAssets = 0; }, 302},
+      {E::ExanteModifiedVaR, "nObs below 4", [](CallData& d) { d.nHist = 3; d.nAssets = 1; }, 301},
+      {E::ExanteModifiedVaR, "cov before returns and weights",
+       [](CallData& d) {
+         d.nHist = 4;
+         d.nAssets = 1;
+         drop(d.weights);
+         drop(d.hist);
+         drop(d.exCov);
+       },
+       305},
+      {E::ExanteNormalVaR, "weights before cov",
+       [](CallData& d) { drop(d.exCov); drop(d.weights); }, 304},
+      {E::ExanteReturn, "weights", [](CallData& d) { drop(d.weights); }, 303},
+      {E::ExanteVolatility, "cov", [](CallData& d) { drop(d.exCov); }, 302},
+      {E::ExpostVolatility, "one observation", [](CallData& d) { d.nSeriesObs = 1; }, 301},
+      {E::ExpostReturn, "one observation, no series",
+       [](CallData& d) { d.nSeriesObs = 1; drop(d.series); }, 302},
+      // kernel density: nPoints, nObs, points, data, then the order of points
+      {E::GaussianKernel, "points decrease", [](CallData& d) { d.points[2] = -0.01; }, 304},
+      {E::GaussianKernel, "equal points pass", [](CallData& d) { d.points[2] = 0.0; }, kPasses},
+      {E::GaussianKernel, "nPoints first",
+       [](CallData& d) { d.nPoints = 0; d.nSeriesObs = 1; drop(d.series); drop(d.points); }, 302},
+      {E::GaussianKernel, "nObs", [](CallData& d) { d.nSeriesObs = 1; }, 301},
+      {E::GaussianKernel, "points before data",
+       [](CallData& d) { drop(d.series); drop(d.points); }, 304},
+      {E::GaussianKernel, "data", [](CallData& d) { drop(d.series); }, 303},
+      // nearness: the chain, then the bounds, the tolerance and the floor
+      {E::SDLS, "inequality bounds crossed",
+       [](CallData& d) { d.nNearEq = 0; d.ineqLower = {1.0}; d.ineqUpper = {0.5}; }, 308},
+      {E::SDLS, "n before the bounds",
+       [](CallData& d) { d.nNearEq = -1; d.nNear = 0; d.ineqLower = {1.0}; d.ineqUpper = {0.5}; },
+       303},
+      {E::SDLS, "negative nIneq",
+       [](CallData& d) { d.nNearEq = d.nNearIneq = -1; d.nNear = 0; }, 306},
+      {E::SDLS, "tolerance replaces the chain",
+       [](CallData& d) { d.nNearEq = d.nNearIneq = -1; d.nNear = 0; d.tolerance = 0.0; }, 310},
+      {E::SDLS, "floor replaces the tolerance",
+       [](CallData& d) {
+         d.nNearEq = d.nNearIneq = -1;
+         d.nNear = 0;
+         d.tolerance = 0.0;
+         d.eigenFloor = -1.0;
+       },
+       311},
+      {E::SDLScorr, "tolerance before n",
+       [](CallData& d) { d.nNear = 0; d.tolerance = 0.0; d.eigenFloor = 0.5; }, 303},
+      {E::SDLScorr, "floor 1 before the tolerance",
+       [](CallData& d) { d.nNear = 0; d.tolerance = 0.0; d.eigenFloor = 1.0; }, 304},
+      {E::SDLScorr, "target", [](CallData& d) { drop(d.nearTarget); }, 302},
+      // simulation: start, drift, cov from the last
+      {E::Simulation, "start before drift and cov",
+       [](CallData& d) { drop(d.start); drop(d.drift); drop(d.simCov); }, 306},
+      {E::Simulation, "drift", [](CallData& d) { drop(d.start); drop(d.drift); }, 305},
+      {E::Simulation, "start", [](CallData& d) { drop(d.start); }, 304},
+  };
+  for (const ArgCase& c : cases) {
+    SCOPED_TRACE(::testing::Message() << lumbra::testing::exportName(c.e) << ": " << c.what);
+    CallData d;
+    c.spoil(d);
+    const long count = lumbra::testing::resultCount(c.e, d);
+    const lumbra::testing::Outcome o = lumbra::testing::runCase(c.e, d);
+    EXPECT_TRUE(o.inputsKept);
+    if (c.ret == kPasses) {
+      EXPECT_LT(o.ret, 300);
+      continue;
+    }
+    EXPECT_EQ(c.ret, o.ret);
+    EXPECT_EQ(0, o.status);
+    EXPECT_TRUE(o.cleared);
+    EXPECT_BITEQ(kSentinel, d.out[count]);
+  }
 }
 
 TEST(ReturnsExport, LayoutRoundTripAndEngineStatus) {
@@ -182,17 +196,6 @@ TEST(ReturnsExport, LayoutRoundTripAndEngineStatus) {
   EXPECT_BITEQ(0.0, result[1]);
   EXPECT_BITEQ(0.0, result[2]);
   EXPECT_BITEQ(0.0, result[3]);
-}
-
-TEST(MomentsArguments, AssetCountReplacesTheOthers) {
-  int nObs = 1, nAssets = 2, status = kStatusSentinel;
-  std::vector<double> result(4, kSentinel);
-  EXPECT_EQ(301, ORXmodelingCov(&nObs, &nAssets, nullptr, result.data(), &status));
-  nObs = 2;
-  EXPECT_EQ(303, ORXmodelingCorr(&nObs, &nAssets, nullptr, result.data(), &status));
-  for (double v : result) EXPECT_BITEQ(0.0, v);
-  nAssets = 0;
-  EXPECT_EQ(302, ORXmodelingCov(&nObs, &nAssets, nullptr, result.data(), &status));
 }
 
 TEST(MomentsExport, CallerArraysUnchangedAndResultRowMajor) {
@@ -227,13 +230,16 @@ TEST(WorkArrays, AllocationFailureReturnsTwoWithOutputsCleared) {
 
   // An allocator needs both arrays: the integer one succeeds, the real one
   // fails, and the first is released (LeakSanitizer would tell otherwise).
-  AllocCase c;
+  CallData c;
+  lumbra::testing::Outcome o;
   {
     FailingAllocator failing(1);
-    EXPECT_EQ(2, c.mv());
+    o = lumbra::testing::runCase(Export::AllocMV, c);
     EXPECT_EQ(2, FailingAllocator::requests());
   }
-  EXPECT_TRUE(c.cleared());
+  EXPECT_EQ(2, o.ret);
+  EXPECT_EQ(0, o.status);
+  EXPECT_TRUE(o.cleared);
 }
 
 TEST(WorkArrays, OversizedFormulasAreAllocationFailures) {
@@ -312,100 +318,6 @@ TEST(WorkArrays, ConversionsBorrowTheWorkArray) {
   EXPECT_EQ(originalCov, cov);
 }
 
-TEST(AnalysisArguments, LevelRefusalComesFirst) {
-  int n = 0, nObs = 2, nAssets = 0, status = kStatusSentinel;
-  double level = 1.0, result = kSentinel;
-  EXPECT_EQ(305, ORXanalysisExanteNormalVaR(&n, nullptr, nullptr, nullptr, &level, &result, &status));
-  EXPECT_BITEQ(0.0, result);
-  level = 0.0;
-  EXPECT_EQ(306, ORXanalysisExanteModifiedVaR(&nObs, &nAssets, nullptr, nullptr, nullptr, &level,
-                                              &result, &status));
-  level = 0.95;
-  EXPECT_EQ(301, ORXanalysisExanteNormalVaR(&n, nullptr, nullptr, nullptr, &level, &result, &status));
-  EXPECT_EQ(302, ORXanalysisExanteModifiedVaR(&nObs, &nAssets, nullptr, nullptr, nullptr, &level,
-                                              &result, &status));
-  nAssets = 1;
-  EXPECT_EQ(301, ORXanalysisExanteModifiedVaR(&nObs, &nAssets, nullptr, nullptr, nullptr, &level,
-                                              &result, &status));
-  nObs = 4;
-  EXPECT_EQ(305, ORXanalysisExanteModifiedVaR(&nObs, &nAssets, nullptr, nullptr, nullptr, &level,
-                                              &result, &status));
-  n = 1;
-  double mu = 0.0;
-  EXPECT_EQ(304, ORXanalysisExanteNormalVaR(&n, nullptr, &mu, nullptr, &level, &result, &status));
-  EXPECT_EQ(303, ORXanalysisExanteReturn(&n, &mu, nullptr, &result, &status));
-  EXPECT_EQ(302, ORXanalysisExanteVolatility(&n, nullptr, &mu, &result, &status));
-  n = 1;
-  EXPECT_EQ(301, ORXanalysisExpostVolatility(&n, &mu, &result, &status));
-  EXPECT_EQ(302, ORXanalysisExpostReturn(&n, nullptr, &result, &status));
-}
-
-TEST(AnalysisArguments, KernelPointsMustNotDecrease) {
-  int nObs = 3, nPoints = 3, status = kStatusSentinel;
-  double data[3] = {0.0, 1.0, 2.0};
-  double points[3] = {0.0, 0.5, 0.25};
-  double result[3] = {kSentinel, kSentinel, kSentinel};
-  EXPECT_EQ(304, ORXanalysisGaussianKernel(&nObs, &nPoints, data, points, result, &status));
-  for (double v : result) EXPECT_BITEQ(0.0, v);
-  points[2] = 0.5;  // equal points pass
-  EXPECT_LT(ORXanalysisGaussianKernel(&nObs, &nPoints, data, points, result, &status), 300);
-  nPoints = 0;
-  nObs = 1;
-  EXPECT_EQ(302, ORXanalysisGaussianKernel(&nObs, &nPoints, nullptr, nullptr, result, &status));
-  nPoints = 3;
-  EXPECT_EQ(301, ORXanalysisGaussianKernel(&nObs, &nPoints, data, points, result, &status));
-  nObs = 3;
-  EXPECT_EQ(304, ORXanalysisGaussianKernel(&nObs, &nPoints, nullptr, nullptr, result, &status));
-  EXPECT_EQ(303, ORXanalysisGaussianKernel(&nObs, &nPoints, nullptr, points, result, &status));
-}
-
-TEST(NearnessArguments, ChainsAndOverridingTests) {
-  int n = 2, nEq = 0, nIneq = 1, status = kStatusSentinel;
-  double target[4] = {1.0, 0.0, 0.0, 1.0}, B[4] = {1.0, 0.0, 0.0, 0.0};
-  double b = 0.0, lo = 1.0, hi = 0.5, tol = 1e-8, floor = 0.0;
-  double result[4] = {kSentinel, kSentinel, kSentinel, kSentinel};
-  EXPECT_EQ(308, ORXmodelingSDLS(&n, target, &nEq, B, &b, &nIneq, B, &lo, &hi, &tol, &floor,
-                                 result, &status));
-  EXPECT_BITEQ(0.0, result[3]);
-  nEq = -1;
-  n = 0;
-  EXPECT_EQ(303, ORXmodelingSDLS(&n, target, &nEq, B, &b, &nIneq, B, &lo, &hi, &tol, &floor,
-                                 result, &status));
-  nIneq = -1;
-  EXPECT_EQ(306, ORXmodelingSDLS(&n, target, &nEq, B, &b, &nIneq, B, &lo, &hi, &tol, &floor,
-                                 result, &status));
-  tol = 0.0;
-  EXPECT_EQ(310, ORXmodelingSDLS(&n, target, &nEq, B, &b, &nIneq, B, &lo, &hi, &tol, &floor,
-                                 result, &status));
-  floor = -1.0;
-  EXPECT_EQ(311, ORXmodelingSDLS(&n, target, &nEq, B, &b, &nIneq, B, &lo, &hi, &tol, &floor,
-                                 result, &status));
-  n = 0;
-  tol = 0.0;
-  floor = 0.5;
-  EXPECT_EQ(303, ORXmodelingSDLScorr(&n, nullptr, &tol, &floor, result, &status));
-  floor = 1.0;
-  EXPECT_EQ(304, ORXmodelingSDLScorr(&n, nullptr, &tol, &floor, result, &status));
-  n = 2;
-  tol = 1e-8;
-  floor = 0.0;
-  EXPECT_EQ(302, ORXmodelingSDLScorr(&n, nullptr, &tol, &floor, result, &status));
-}
-
-TEST(SimulationArguments, PointerChainAndClearing) {
-  int n = 2, horizon = 1, steps = 3, status = kStatusSentinel;
-  double start[2] = {1.0, 1.0};
-  std::vector<double> paths(6, kSentinel);
-  EXPECT_EQ(306, ORXsimulGeometricBrownianX(&n, &horizon, &steps, nullptr, nullptr, nullptr,
-                                            paths.data(), &status));
-  for (double v : paths) EXPECT_BITEQ(0.0, v);
-  double cov[4] = {1.0, 0.0, 0.0, 1.0};
-  EXPECT_EQ(305, ORXsimulGeometricBrownianX(&n, &horizon, &steps, nullptr, nullptr, cov,
-                                            paths.data(), &status));
-  EXPECT_EQ(304, ORXsimulGeometricBrownianX(&n, &horizon, &steps, nullptr, start, cov,
-                                            paths.data(), &status));
-}
-
 TEST(VersionProbe, WritesItsSixValues) {
   int v[6] = {0, 0, 0, 0, 0, 0};
   EXPECT_EQ(0, ORXlumbraTest(&v[0], &v[1], &v[2], &v[3], &v[4], &v[5]));
@@ -416,4 +328,3 @@ TEST(VersionProbe, WritesItsSixValues) {
   EXPECT_NE(0, v[4]);
   EXPECT_EQ(2, v[5]);
 }
-

@@ -129,6 +129,15 @@ TEST(LineSearch, OutcomesOfTheContract) {
     EXPECT_BITEQ(10.0, r.x);
   }
   {
+    // A cubic step shorter than 9 t: at t = 1, fp = -1, fpn = -1.5 (too
+    // steep) and df = -1.5 give c = 3 fpn + fp - 4 df / t = 0.5 > 0, so the
+    // step is t max(1, -fpn / c) = 3 and the next trial is t = 4.
+    const Search r = search({{1, -1.5, -1.5}, {1, -3.0, -0.5}}, base);
+    EXPECT_EQ(r.logic, 0);
+    ASSERT_EQ(gTrials.size(), 2u);
+    EXPECT_BITEQ(4.0, gTrials[1]);
+  }
+  {
     // The extrapolated step beyond tmax = 5 is cut there with logic 1, and
     // the next descent success ends the search there, slope still steep.
     Search in = base;

@@ -148,8 +148,13 @@ for floor, expected in [(1.0, 304), (1.5, 304), (-0.1, 304), (np.nan, 304)]:
 for tol in [0.0, -1.0, np.nan]:
     code, status, X = nearest(C, tol, 0.0)
     check(code == 303 and status == 0, f"tolerance {tol}: {code}")
-# Between the largest accepted floor and 1 the engine itself refuses.
+# Between the largest accepted floor and 1 the engine itself refuses; at
+# that floor, 0.999999999999999, it still solves: X is the identity to
+# within the distance 1 - floor allows.
 code, status, X = nearest(C, 1e-8, 0.9999999999999995)
 check(code == 5 and status == -2001, f"floor just below 1: {code} {status}")
+code, status, X = nearest(C, 1e-8, 0.999999999999999)
+check(code == 0 and status == 0 and np.max(np.abs(X - np.eye(4))) < 1e-13,
+      f"largest floor: {code} {status}")
 
 finish()

@@ -162,16 +162,23 @@ TEST(QpDriverFailure, IterationLimit) {
 // One variable on [-1, 2]: ties go to the upper end, the first usable
 // equality fixes x (a later contradicting one is never read), and each
 // failure (-8 zero row, -9 empty interval, -7 impossible zero inequality)
-// leaves x as it was.
+// leaves x as it was; an interval empty by less than the tolerance 1e-15
+// is not empty (x <= -1 - 2^-52 against the lower bound -1); a coefficient
+// at or below the tolerance makes a zero row.
 TEST(QpScalar, Cases) {
   struct Case { double h, c; int me, mi; Vec C, d; int status; double x; };
-  const Case cases[] = {{0.0, 0.0, 0, 0, {}, {}, 0, 2.0},
+  const double justBelow = std::nextafter(-1.0, -2.0);
+  const Case cases[] = {{1.0, 0.0, 0, 1, {1.0}, {justBelow}, 0, justBelow},
+                        {0.0, 0.0, 0, 0, {}, {}, 0, 2.0},
                         {2.0, -1.0, 0, 0, {}, {}, 0, 0.5},
                         {2.0, -10.0, 0, 0, {}, {}, 0, 2.0},
                         {1.0, 0.0, 2, 1, {0.0, 4.0, 1.0}, {0.0, 3.0, 9.0}, 0, 0.75},
                         {1.0, 0.0, 1, 0, {0.0}, {1.0}, -8, 42.0},
                         {1.0, 0.0, 1, 0, {1.0}, {5.0}, -9, 42.0},
-                        {1.0, 0.0, 0, 1, {0.0}, {-1.0}, -7, 42.0}};
+                        {1.0, 0.0, 0, 1, {0.0}, {-1.0}, -7, 42.0},
+                        // 1.00000000001e-15 is below the widened 1e-15f,
+                        // 1.0000000036e-15: a zero row, so -7 (not -9)
+                        {1.0, 0.0, 0, 1, {1.00000000001e-15}, {-1.0}, -7, 42.0}};
   const double none = 0.0;
   for (const Case& k : cases) {
     double x = 42.0;
@@ -180,6 +187,23 @@ TEST(QpScalar, Cases) {
                          k.d.empty() ? &none : k.d.data(), -1.0, 2.0, x, status);
     EXPECT_EQ(k.status, status) << k.h << " " << k.c << " " << k.me << " " << k.mi;
     EXPECT_BITEQ(k.x, x);
+  }
+}
+
+// The violation the refinement tests: an equality counts only when it falls
+// short, an inequality when it is exceeded, then each bound.  x = 1 on
+// [-10, 10] (bounds far inside); dyadic data, exact.
+TEST(QpViolation, CountsShortfallsOfEqualitiesAndExcessesOfInequalities) {
+  struct Case { int me, mi; Vec C, b; double v; };
+  const Case cases[] = {{2, 0, {1.0, 1.0}, {1.25, 1.5}, 0.5},    // two shortfalls: the larger
+                        {2, 0, {1.0, 1.0}, {1.25, 0.5}, 0.25},   // an overshoot does not count
+                        {1, 1, {1.0, 1.0}, {1.25, 0.0}, 1.0},    // excess of x <= 0
+                        {1, 1, {1.0, 1.0}, {1.25, 2.0}, 0.25}};  // slack inequality
+  const double x = 1.0, lower = -10.0, upper = 10.0;
+  for (const Case& k : cases) {
+    double v = 0.0;
+    lumbra::qp::qpViolation(1, &x, k.me, k.mi, k.C.data(), k.b.data(), &lower, &upper, v);
+    EXPECT_BITEQ(k.v, v) << k.b[0] << " " << k.b[1];
   }
 }
 

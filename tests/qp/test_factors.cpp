@@ -23,16 +23,6 @@ using testqp::FactorState;
 using testqp::randomVector;
 using testqp::Vec;
 
-// The precision constants are the machine's (catches a mistyped literal).
-TEST(QpFactorConstants, MatchMachinePrecision) {
-  EXPECT_BITEQ(dlamch_("P", 1), kPrecision);
-  EXPECT_BITEQ(dlamch_("O", 1), kOverflow);
-  EXPECT_BITEQ(std::sqrt(dlamch_("O", 1)), kSqrtOverflow);
-  EXPECT_BITEQ(std::pow(kPrecision, 0.75), kPrecision075);
-  EXPECT_BITEQ(std::pow(kPrecision, static_cast<double>(0.9f)), kPrecision09);
-  EXPECT_BITEQ(1.0 / std::sqrt(kPrecision), kInverseSqrtPrecision);
-}
-
 // Positive definite H: st stays 0 and the factors exact through a mixed
 // sequence of additions (rows and bounds) and deletions.
 TEST(QpFactors, DefiniteSequenceKeepsInvariants) {
@@ -109,6 +99,22 @@ TEST(QpReducedFactor, FreshStatuses) {
            FactorState::kChannel);
     EXPECT_EQ(c.kf, kf) << c.what;
   }
+}
+
+// Diagonal pivoting picks the largest diagonal, the first of equals: with
+// Z = reversal and H = diag(0, 2, 2), position 2 is pivot 1 (ahead of its
+// tie, position 3), then position 3; the zero one is the singular tail.
+TEST(QpReducedFactor, PivotTieGoesToTheFirstColumn) {
+  const int m = 3;
+  Vec H(9, 0.0), Z(9, 0.0), T(9, 0.0), w(m);
+  H[at(1, 1, m)] = H[at(2, 2, m)] = 2.0;
+  for (int j = 0; j < m; ++j) Z[at(m - 1 - j, j, m)] = 1.0;
+  std::vector<int> ipvt(m);
+  int kf = 0;
+  ANFM03(H.data(), m, T.data(), m, Z.data(), m, w.data(), ipvt.data(), m, m, kf, 1,
+         FactorState::kChannel);
+  EXPECT_EQ((std::vector<int>{2, 3, 1}), ipvt);
+  EXPECT_EQ(1, kf);
 }
 
 TEST(QpFactorsDeathTest, ArgumentTrap) {

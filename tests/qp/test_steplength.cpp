@@ -74,6 +74,17 @@ TEST(QpStepLength, Cases) {
     EXPECT_EQ(c.entering == kAny ? entering : c.entering, entering) << c.what;
     EXPECT_BITEQ(std::isnan(c.alpha) ? alpha : c.alpha, alpha) << c.what;
   }
+  // Bound mode 2 (upper bounds only): the upper bound 0.5 blocks p = 0.5 at
+  // alpha 1; the lower bound -0.25 of the second, which would block at 0.25,
+  // is not looked at.
+  const double lower[2] = {-kFar, -0.25}, upper[2] = {0.5, kFar}, x[2] = {0.0, 0.0};
+  double work[4] = {0.0, 0.0, 0.5, -1.0};  // gradient, then p
+  int ire[2] = {0, 0}, kind = 1, entering = kAny;
+  double alpha = 4.0;
+  qpStepLength(lower, upper, x, alpha, work, ire, entering, 2, 2, 0, kind);
+  EXPECT_EQ(1, kind);
+  EXPECT_EQ(1, entering);
+  EXPECT_BITEQ(1.0, alpha);
 }
 
 }  // namespace

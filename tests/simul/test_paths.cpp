@@ -63,15 +63,20 @@ TEST(SimulPaths, PathsFixedWhateverTheVariates) {
 // Correlation 1, equal variances: the second eigenvalue is floored to 1e-30
 // and whether DPOTRF accepts the rebuilt matrix depends on its rounding.
 // Refused (status > 0, return 6): L is cleared and the path is the drift
-// path bit for bit.  Accepted: L's second column is at most ~1e-8, so both
+// path bit for bit.  The work memory comes from the test allocator, filled
+// with NaN, so a factor left uncleared after the refusal shows (fresh
+// memory from the system is zero and would hide it).  Accepted: L's second column is at most ~1e-8, so both
 // assets receive the same shock within 1e-6.
 TEST(SimulPaths, RankDeficientCovariance) {
   for (const double var : {1.0, 0.04}) {
     const int n = 2, steps = 9;
     std::vector<double> p;
     int status = 0;
-    const int code = simulate(n, 3, steps, {10.0, 10.0}, {0.02, 0.02}, {var, var, var, var}, p,
-                              status);
+    int code = 0;
+    {
+      lumbra::testing::FailingAllocator nanWork(1000);
+      code = simulate(n, 3, steps, {10.0, 10.0}, {0.02, 0.02}, {var, var, var, var}, p, status);
+    }
     ASSERT_GE(status, 0);
     EXPECT_EQ(status > 0 ? 6 : 0, code);
     double expected = 10.0;

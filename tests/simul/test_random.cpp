@@ -52,6 +52,11 @@ TEST(SimulGenerator, SequenceAndRanges) {
   expectShared(801095798, 44073136);
   s1 = s2 = 1;
   EXPECT_BITEQ(2147482884 * 4.65661305739176e-10, simulUniformStep(s1, s2));
+  // Both components step to 12345: z = 0 wraps to m1 - 1, never u = 0.
+  s1 = 1970861171;
+  s2 = 1025136760;
+  EXPECT_BITEQ(2147483562 * 4.65661305739176e-10, simulUniformStep(s1, s2));
+  EXPECT_TRUE(s1 == 12345 && s2 == 12345) << s1 << ", " << s2;
   for (int k = 0; k < 100000; ++k) {
     const double u = simulUniformStep(s1, s2);
     ASSERT_TRUE(u > 0.0 && u < 1.0 && s1 >= 1 && s1 < kModulus1 && s2 >= 1 && s2 < kModulus2)

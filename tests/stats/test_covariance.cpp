@@ -60,23 +60,6 @@ TEST(Covariance, ExactOnDyadicDataWithFourObservations) {
   EXPECT_BITEQ(2.0 * scale, m.cov[at(1, 1, 2)]);
 }
 
-TEST(Covariance, TwoObservationsNeedNoScale) {
-  const std::vector<double> X = {1.0, 3.0, 10.0, 6.0};
-  const Moments m = moments(2, 2, X);
-  EXPECT_BITEQ(2.0, m.cov[at(0, 0, 2)]);
-  EXPECT_BITEQ(-4.0, m.cov[at(0, 1, 2)]);
-  EXPECT_BITEQ(8.0, m.cov[at(1, 1, 2)]);
-}
-
-TEST(Covariance, OneObservationIsABadDimension) {
-  std::vector<double> C(1), Cov(1, -1.0);
-  const double x = 1.0;
-  int status = 0;
-  modelingCovFromCentered(1, 1, &x, Cov.data(), status);
-  EXPECT_EQ(-2, status);
-  EXPECT_BITEQ(-1.0, Cov[0]);
-}
-
 TEST(Correlation, ConstantAssetsGetZeroCorrelationsAndAWarning) {
   // Assets 1 and 3 are constant; 0 and 2 vary.
   const int T = 3, n = 4;

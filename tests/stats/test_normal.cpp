@@ -17,7 +17,10 @@ TEST(NormalCdf, PublishedValues) {
   } cases[] = {{0.0, 0.5, 0.5},
                {1.0, 0.8413447460685429, 0.15865525393145705},
                {-38.0, 0.0, 1.0},  // lower area below the smallest normal double
-               {38.0, 1.0, 0.0}};
+               {38.0, 1.0, 0.0},
+               // the end of the central region still takes the central fit;
+               // the middle one gives an upper area one ulp lower
+               {0.66291, 0x1.7e1bcea074aa2p-1, 0x1.03c862bf16abcp-2}};
   for (const auto& c : cases) {
     double cum = -1.0, ccum = -1.0;
     normalCdf(c.x, cum, ccum);
@@ -67,6 +70,10 @@ TEST(NormalQuantile, PublishedValuesAndSymmetry) {
   EXPECT_BITEQ(-1.6448536269514729, normalQuantile(0.05, 0.95));
   EXPECT_BITEQ(-normalQuantile(0.95, 0.05), normalQuantile(0.05, 0.95));
   EXPECT_BITEQ(-1.4900501721371029e-08, normalQuantileStart(0.5));
+  // Far in the tail the Newton stop is relative: the last step is below
+  // 1e-13 |x| but not below 1e-13, and one step more moves the last bit.
+  const double p = 0x1.5b26e797d18f9p-77;
+  EXPECT_BITEQ(-0x1.3f7b39d90216fp+3, normalQuantile(p, 1.0 - p));
 }
 
 }  // namespace
