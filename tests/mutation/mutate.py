@@ -54,6 +54,9 @@ LIST = [
      "if (idx[j] >= m || idx[i] >= m) {", "matScatter refuses the last position"),
     ("K10", "src/kernels/kernels.cpp", "daxpy_(&n, &kMinusUnit, b, &kOne, z, &kOne);",
      "daxpy_(&n, &kUnit, b, &kOne, z, &kOne);", "vecSub adds"),
+    ("K11", "src/kernels/kernels.cpp", "* kNegligibleInverse < largest) A[at(i, j, n)] = 0.0;",
+     "* kNegligibleInverse <= largest) A[at(i, j, n)] = 0.0;",
+     "negligible elements flushed at the edge too"),
     # ---- stats
     ("S01", "src/stats/modified_var.cpp",
      "  const float f = static_cast<float>(T);\n"
