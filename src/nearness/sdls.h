@@ -46,16 +46,45 @@ void sdlsDualMinimise(Simulator simul, const int& nv, double* x, const double& t
                       const double* binf, const double* bsup, int* iz, double* rz, double& f,
                       double* g, int& iter, int& nsim, int& status);
 
+// The real data of the equality simulator, in the order of dzs:
+// b-hat (m), C-hat (nn), A (m nn), P (nn), w (m), S (nn), projection work.
+struct EqualityData {
+  double* bhat;
+  double* chat;
+  double* A;
+  double* P;
+  double* w;
+  double* S;
+  double* eigenWork;
+};
+EqualityData carveEqualityData(const int& n, const int& m, double* dzs);
+
+// The real data of the inequality simulator, in the order of dzs:
+// C-hat (nn), A (m nn), b-hat (m), B (p nn), l-hat (p), u-hat (p),
+// P (nn), w1 (m), w2 (p), w3 (p), S (nn), projection work.
+struct InequalityData {
+  double* chat;
+  double* A;
+  double* bhat;
+  double* B;
+  double* lhat;
+  double* uhat;
+  double* P;
+  double* w1;
+  double* w2;
+  double* w3;
+  double* S;
+  double* eigenWork;
+};
+InequalityData carveInequalityData(const int& n, const int& m, const int& p, double* dzs);
+
 // Dual of the problem with equalities alone, z = y (m values).
-// izs: n, eigen status, 12n integers for DSYEVR.
-// dzs: b-hat (m), C-hat (nn), A (m nn), P (nn), w (m), S (nn), projection work.
+// izs: n, eigen status, 12n integers for DSYEVR; dzs: EqualityData.
 void sdlsSimulEqualities(int& indic, const int& m, const double* y, double& f, double* g,
                          int* izs, double* dzs);
 
 // Dual with inequalities, z = (y, lambda, mu), m + 2p values.
-// izs: n, m, p, eigen status, 12n integers for DSYEVR.
-// dzs: C-hat (nn), A (m nn), b-hat (m), B (p nn), l-hat (p), u-hat (p),
-//      P (nn), w1 (m), w2 (p), w3 (p), S (nn), projection work.
+// izs: n, m, p, eigen status, 12n integers for DSYEVR; dzs: InequalityData.
 void sdlsSimulInequalities(int& indic, const int& nv, const double* z, double& f, double* g,
                            int* izs, double* dzs);
 

@@ -105,6 +105,39 @@ void sdlsCombine(const int& n, const int& m, const int& p, const double* z, cons
   packAdd(n, S, chat, S);
 }
 
+// Carves the equality simulator's data from dzs (layout in sdls.h).
+EqualityData carveEqualityData(const int& n, const int& m, double* dzs) {
+  const i64 nn = packedSize(n);
+  EqualityData d;
+  d.bhat = dzs;
+  d.chat = d.bhat + m;
+  d.A = d.chat + nn;
+  d.P = d.A + m * nn;
+  d.w = d.P + nn;
+  d.S = d.w + m;
+  d.eigenWork = d.S + nn;
+  return d;
+}
+
+// Carves the inequality simulator's data from dzs (layout in sdls.h).
+InequalityData carveInequalityData(const int& n, const int& m, const int& p, double* dzs) {
+  const i64 nn = packedSize(n);
+  InequalityData d;
+  d.chat = dzs;
+  d.A = d.chat + nn;
+  d.bhat = d.A + m * nn;
+  d.B = d.bhat + m;
+  d.lhat = d.B + p * nn;
+  d.uhat = d.lhat + p;
+  d.P = d.uhat + p;
+  d.w1 = d.P + nn;
+  d.w2 = d.w1 + m;
+  d.w3 = d.w2 + p;
+  d.S = d.w3 + p;
+  d.eigenWork = d.S + nn;
+  return d;
+}
+
 // theta(y) = 1/2 ||P||^2 - b-hat . y, g(i) = <P, A(i)> - b-hat(i).
 void sdlsSimulEqualities(int&, const int& m, const double* y, double& f, double* g, int* izs,
                          double* dzs) {
@@ -112,23 +145,17 @@ void sdlsSimulEqualities(int&, const int& m, const double* y, double& f, double*
   int& eigenStatus = izs[1];
   int* iwork = izs + 2;
   const i64 nn = packedSize(n);
-  double* bhat = dzs;
-  double* chat = bhat + m;
-  double* A = chat + nn;
-  double* P = A + m * nn;
-  double* w = P + nn;
-  double* S = w + m;
-  double* eigenWork = S + nn;
+  const EqualityData d = carveEqualityData(n, m, dzs);
 
   const int none = 0;
-  sdlsCombine(n, m, none, y, chat, A, nullptr, S);
-  packEigenClip(n, S, iwork, eigenWork, P, eigenStatus);
+  sdlsCombine(n, m, none, y, d.chat, d.A, nullptr, d.S);
+  packEigenClip(n, d.S, iwork, d.eigenWork, d.P, eigenStatus);
   double norm = 0.0, by = 0.0;
-  packFrobenius(n, P, norm);
-  vecDot(m, bhat, y, by);
+  packFrobenius(n, d.P, norm);
+  vecDot(m, d.bhat, y, by);
   f = 0.5 * norm * norm - by;
-  for (i64 i = 0; i < m; ++i) packInner(n, P, A + i * nn, w[i]);
-  vecSub(m, w, bhat, g);
+  for (i64 i = 0; i < m; ++i) packInner(n, d.P, d.A + i * nn, d.w[i]);
+  vecSub(m, d.w, d.bhat, g);
 }
 
 // theta(z) = 1/2 ||P||^2 - (b-hat . y + l-hat . lambda - u-hat . mu), and
@@ -139,37 +166,26 @@ void sdlsSimulInequalities(int&, const int&, const double* z, double& f, double*
   int& eigenStatus = izs[3];
   int* iwork = izs + 4;
   const i64 nn = packedSize(n);
-  double* chat = dzs;
-  double* A = chat + nn;
-  double* bhat = A + m * nn;
-  double* B = bhat + m;
-  double* lhat = B + p * nn;
-  double* uhat = lhat + p;
-  double* P = uhat + p;
-  double* w1 = P + nn;
-  double* w2 = w1 + m;
-  double* w3 = w2 + p;
-  double* S = w3 + p;
-  double* eigenWork = S + nn;
+  const InequalityData d = carveInequalityData(n, m, p, dzs);
   const double* y = z;
   const double* lambda = z + m;
   const double* mu = lambda + p;
 
-  sdlsCombine(n, m, p, z, chat, A, B, S);
-  packEigenClip(n, S, iwork, eigenWork, P, eigenStatus);
+  sdlsCombine(n, m, p, z, d.chat, d.A, d.B, d.S);
+  packEigenClip(n, d.S, iwork, d.eigenWork, d.P, eigenStatus);
   double norm = 0.0, by = 0.0, ll = 0.0, um = 0.0;
-  packFrobenius(n, P, norm);
-  vecDot(m, bhat, y, by);
-  vecDot(p, lhat, lambda, ll);
-  vecDot(p, uhat, mu, um);
+  packFrobenius(n, d.P, norm);
+  vecDot(m, d.bhat, y, by);
+  vecDot(p, d.lhat, lambda, ll);
+  vecDot(p, d.uhat, mu, um);
   f = 0.5 * norm * norm - (by + ll - um);
-  for (i64 i = 0; i < m; ++i) packInner(n, P, A + i * nn, w1[i]);
-  vecSub(m, w1, bhat, g);
-  for (i64 j = 0; j < p; ++j) packInner(n, P, B + j * nn, w2[j]);
-  vecSub(p, w2, lhat, g + m);
+  for (i64 i = 0; i < m; ++i) packInner(n, d.P, d.A + i * nn, d.w1[i]);
+  vecSub(m, d.w1, d.bhat, g);
+  for (i64 j = 0; j < p; ++j) packInner(n, d.P, d.B + j * nn, d.w2[j]);
+  vecSub(p, d.w2, d.lhat, g + m);
   const double minusOne = -1.0;
-  vecCopyScale(p, w2, minusOne, w3);
-  vecAdd(p, w3, uhat, g + m + p);  // u-hat + 1.0 * w3
+  vecCopyScale(p, d.w2, minusOne, d.w3);
+  vecAdd(p, d.w3, d.uhat, g + m + p);  // u-hat + 1.0 * w3
 }
 
 // P := projection of Diag(y) + C-hat.

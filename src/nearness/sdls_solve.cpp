@@ -150,22 +150,17 @@ void sdlsDualEqualities(const int& n, const int& m, const double* bhat, const do
                         double* P, int& status) {
   const i64 nn = packedSize(n);
   const DualArea d = carveDual(m, area);
-  double* simB = d.sim;
-  double* simC = simB + m;
-  double* simA = simC + nn;
-  double* simP = simA + m * nn;
-  double* simW = simP + nn;
-  double* S = simW + m;
-  double* eigenWork = S + nn;
+  const EqualityData sim = carveEqualityData(n, m, d.sim);
   status = 0;
   if (m == 0) {
-    finalProjection(n, 0, 0, nullptr, chat, nullptr, nullptr, iz, S, eigenWork, P, status);
+    finalProjection(n, 0, 0, nullptr, chat, nullptr, nullptr, iz, sim.S, sim.eigenWork, P,
+                    status);
     return;
   }
   dualStart(m, 0, d);
-  vecCopy(m, bhat, simB);
-  for (i64 k = 0; k < nn; ++k) simC[k] = chat[k];
-  for (i64 k = 0; k < m * nn; ++k) simA[k] = A[k];
+  vecCopy(m, bhat, sim.bhat);
+  for (i64 k = 0; k < nn; ++k) sim.chat[k] = chat[k];
+  for (i64 k = 0; k < m * nn; ++k) sim.A[k] = A[k];
   int* izs = iz + 2 * i64{m} + 1;
   izs[0] = n;
   izs[1] = 0;
@@ -173,7 +168,7 @@ void sdlsDualEqualities(const int& n, const int& m, const double* bhat, const do
   int iter = 0, nsim = 0;
   sdlsDualMinimise(sdlsSimulEqualities, m, d.z, tolerance, d.lower, d.upper, iz, d.rz, f, d.g,
                    iter, nsim, status);
-  finalProjection(n, m, 0, d.z, chat, A, nullptr, iz, S, eigenWork, P, status);
+  finalProjection(n, m, 0, d.z, chat, A, nullptr, iz, sim.S, sim.eigenWork, P, status);
 }
 
 // Dual of the problem with inequalities: P := projection at the final z.
@@ -184,22 +179,14 @@ void sdlsDualInequalities(const int& n, const int& m, const int& p, const double
   const i64 nn = packedSize(n);
   const int nv = m + 2 * p;
   const DualArea d = carveDual(nv, area);
-  double* simC = d.sim;
-  double* simA = simC + nn;
-  double* simB = simA + m * nn;
-  double* simPB = simB + m;
-  double* simL = simPB + p * nn;
-  double* simU = simL + p;
-  double* simP = simU + p;
-  double* S = simP + nn + m + 2 * i64{p};  // behind w1, w2, w3
-  double* eigenWork = S + nn;
+  const InequalityData sim = carveInequalityData(n, m, p, d.sim);
   dualStart(m, p, d);
-  for (i64 k = 0; k < nn; ++k) simC[k] = chat[k];
-  for (i64 k = 0; k < m * nn; ++k) simA[k] = A[k];
-  vecCopy(m, bhat, simB);
-  for (i64 k = 0; k < p * nn; ++k) simPB[k] = B[k];
-  vecCopy(p, lhat, simL);
-  vecCopy(p, uhat, simU);
+  for (i64 k = 0; k < nn; ++k) sim.chat[k] = chat[k];
+  for (i64 k = 0; k < m * nn; ++k) sim.A[k] = A[k];
+  vecCopy(m, bhat, sim.bhat);
+  for (i64 k = 0; k < p * nn; ++k) sim.B[k] = B[k];
+  vecCopy(p, lhat, sim.lhat);
+  vecCopy(p, uhat, sim.uhat);
   int* izs = iz + 2 * i64{nv} + 1;
   izs[0] = n;
   izs[1] = m;
@@ -209,7 +196,7 @@ void sdlsDualInequalities(const int& n, const int& m, const int& p, const double
   int iter = 0, nsim = 0;
   sdlsDualMinimise(sdlsSimulInequalities, nv, d.z, tolerance, d.lower, d.upper, iz, d.rz, f,
                    d.g, iter, nsim, status);
-  finalProjection(n, m, p, d.z, chat, A, B, iz, S, eigenWork, P, status);
+  finalProjection(n, m, p, d.z, chat, A, B, iz, sim.S, sim.eigenWork, P, status);
 }
 
 // Equalities alone.  work: b-hat (m), F (n*n), C-hat (nn), P (nn), A (m nn),
