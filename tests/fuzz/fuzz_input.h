@@ -4,7 +4,7 @@
 // exact documented sizes (so AddressSanitizer sees any write past them), and
 // the checks every export's call frame must pass whatever its input.
 //
-// Input encoding (tests/fuzz/make_corpus.py writes the same format):
+// Input encoding (the committed seeds in corpus/ are written in it):
 //   byte()        one byte, 0 once the input is exhausted
 //   size(lo, hi)  lo + byte() % (hi - lo + 1)
 //   real()        a tag byte, then by tag % 8:

@@ -1,22 +1,21 @@
 #!/usr/bin/env python3
 """Mutation measurement of the test suite.
 
-Applies, one at a time, a fixed list of single-point faults to src/ (the
-mutants in mutants.py), rebuilds the given build tree incrementally, runs the
-whole CTest suite there (the Python tests and the reference-BLAS runs
-included) and records which tests fail.  A mutant that no test notices
-survives; one the compiler refuses is counted apart.  Every mutated file is
-restored after its run, on an error or Ctrl-C too, and checked against git.
+Applies, one at a time, the fixed list of single-point faults below to src/,
+rebuilds the given build tree incrementally, runs the whole CTest suite there
+(the Python tests and the reference-BLAS runs included) and records which
+tests fail.  A mutant no test notices survives; one the compiler refuses is
+counted apart.  Every mutated file is restored after its run, on an error or
+a signal too, and checked against git.
 
-    tests/mutation/mutate.py --build build-mut            # every mutant
-    tests/mutation/mutate.py --list                       # the list only
-    tests/mutation/mutate.py --build build-mut --only S03 --only Q05
+    tests/mutation/mutate.py --build build-mutation          # every mutant
+    tests/mutation/mutate.py --list                          # the list only
+    tests/mutation/mutate.py --build build-mutation --only S03 --only Q05
 
-The build tree must be configured like the release stage of the test
-command (tests on, BLA_VENDOR=Generic); see README.md.
+The build tree must be configured like the release stage of the test command
+(tests on, BLA_VENDOR=Generic); see README.md.
 """
 import argparse
-import datetime
 import json
 import os
 import re
@@ -27,8 +26,7 @@ import time
 from collections import defaultdict
 from pathlib import Path
 
-HERE = Path(__file__).resolve().parent
-ROOT = HERE.parent.parent
+ROOT = Path(__file__).resolve().parent.parent.parent
 
 # The faults: (id, file, text found exactly once, its replacement, what it is).
 LIST = [
@@ -255,36 +253,22 @@ LIST = [
      "double* tmp = spareCount > count ? spare : nullptr;", "spare work exactly the size refused"),
 ]
 MUTANTS = [dict(zip(("id", "file", "find", "replace", "description"), m)) for m in LIST]
-
 FAILED_LINE = re.compile(r"^\s*\d+\s+-\s+(\S+)\s+\(([^()]*)\)\s*$")
-TOTAL_LINE = re.compile(r"tests passed, (\d+) tests? failed out of (\d+)")
-
-
-class Stop(Exception):
-    """Raised by the SIGTERM handler so that the restore still runs."""
 
 
 def on_term(signum, frame):
-    raise Stop(f"signal {signum}")
+    raise KeyboardInterrupt(f"signal {signum}")
 
 
 def check_list():
     """Every find text occurs exactly once in its file; the ids are unique."""
-    errors = []
-    seen = set()
+    errors = [f"{i}: duplicate id" for i in {m["id"] for m in MUTANTS}
+              if sum(m["id"] == i for m in MUTANTS) > 1]
     for m in MUTANTS:
-        if m["id"] in seen:
-            errors.append(f"{m['id']}: duplicate id")
-        seen.add(m["id"])
         path = ROOT / m["file"]
-        if not path.is_file():
-            errors.append(f"{m['id']}: no file {m['file']}")
-            continue
-        count = path.read_text().count(m["find"])
-        if count != 1:
+        count = path.read_text().count(m["find"]) if path.is_file() else 0
+        if count != 1 or m["find"] == m["replace"]:
             errors.append(f"{m['id']}: find text occurs {count} times in {m['file']}")
-        if m["find"] == m["replace"]:
-            errors.append(f"{m['id']}: replacement equals the find text")
     return errors
 
 
@@ -293,23 +277,15 @@ def folder(m):
 
 
 def git_clean(paths):
-    r = subprocess.run(["git", "-C", str(ROOT), "diff", "--quiet", "--", *paths])
-    return r.returncode == 0
+    return subprocess.run(["git", "-C", str(ROOT), "diff", "--quiet", "--", *paths]).returncode == 0
 
 
-def run(cmd, timeout=None, env=None):
+def run(cmd, env=None):
     """Runs cmd; returns (exit status, combined output, seconds)."""
     start = time.monotonic()
-    try:
-        p = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                           timeout=timeout, env=env, errors="replace")
-        rc, out = p.returncode, p.stdout
-    except subprocess.TimeoutExpired as e:
-        rc = -1
-        out = (e.stdout or b"").decode(errors="replace") if isinstance(e.stdout, bytes) \
-            else (e.stdout or "")
-        out += "\n[mutate.py: command timed out]\n"
-    return rc, out, time.monotonic() - start
+    p = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                       env=env, errors="replace")
+    return p.returncode, p.stdout, time.monotonic() - start
 
 
 def build(args):
@@ -317,72 +293,46 @@ def build(args):
 
 
 def ctest(args, env):
-    """Runs the suite; returns (failed tests {name: reason}, total, output, seconds)."""
+    """Runs the suite; returns (failed tests {name: reason}, seconds)."""
     cmd = ["ctest", "--test-dir", args.build, "-j", str(args.jobs), "--no-tests=error",
-           "--timeout", str(args.timeout)]
-    if args.exclude:
-        cmd += ["-E", args.exclude]
-    rc, out, secs = run(cmd, env=env)
-    failed = {}
-    in_list = False
-    for line in out.splitlines():
-        if line.startswith("The following tests FAILED"):
-            in_list = True
-            continue
-        if in_list:
-            mm = FAILED_LINE.match(line)
-            if mm:
-                failed[mm.group(1)] = mm.group(2)
-    totals = TOTAL_LINE.findall(out)
-    total = int(totals[-1][1]) if totals else 0
+           "--timeout", str(args.timeout)] + (["-E", args.exclude] if args.exclude else [])
+    rc, out, secs = run(cmd, env)
+    failed = dict(m.groups() for m in map(FAILED_LINE.match, out.splitlines()) if m)
     if rc != 0 and not failed:
-        # ctest failed without naming a test (no tests, a crash of ctest):
-        # count it against a pseudo-test so the mutant is not called a survivor.
+        # ctest failed without naming a test: count it against a pseudo-test
+        # so that the mutant is not called a survivor.
         failed["<ctest>"] = f"exit {rc}"
-    return failed, total, out, secs
+    return failed, secs
 
 
 def group_of(test):
-    """Test group for the uniqueness report: prefix.Suite for GoogleTest cases
-    (qp.Driver.Kkt -> qp.Driver), the whole name otherwise."""
+    """Group of a test for the report: prefix.Suite for GoogleTest cases
+    (qp.QpDriver.Kkt -> qp.QpDriver), the whole name otherwise."""
     parts = test.split(".")
     if len(parts) >= 3 and parts[0] not in ("python", "reference", "fuzz"):
         return ".".join(parts[:2])
     return test
 
 
-def summarise(results, total_mutants):
-    done = [r for r in results if r["outcome"] != "error"]
-    killed = [r for r in done if r["outcome"] == "killed"]
-    compiler = [r for r in done if r["outcome"] == "compiler"]
-    survived = [r for r in done if r["outcome"] == "survived"]
-    by_group = defaultdict(set)
-    for r in killed:
-        for t in r["killed_by"]:
-            by_group[group_of(t)].add(r["id"])
+def summarise(results):
+    """Score, survivors, the groups that kill each mutant and the kills that
+    only one group makes."""
+    killed = [r for r in results if r["outcome"] == "killed"]
+    counted = [r for r in results if r["outcome"] in ("killed", "survived")]
     unique = defaultdict(list)
     for r in killed:
         groups = {group_of(t) for t in r["killed_by"]}
         if len(groups) == 1:
             unique[groups.pop()].append(r["id"])
     folders = defaultdict(lambda: [0, 0])
-    for r in done:
+    for r in counted:
+        folders[r["folder"]][0] += r["outcome"] == "killed"
         folders[r["folder"]][1] += 1
-        if r["outcome"] != "survived":
-            folders[r["folder"]][0] += 1
-    return {
-        "run": len(done),
-        "listed": total_mutants,
-        "killed_by_tests": len(killed),
-        "killed_by_compiler": len(compiler),
-        "survived": [r["id"] for r in survived],
-        "score_tests": f"{len(killed)}/{len(done) - len(compiler)}",
-        "score_all": f"{len(killed) + len(compiler)}/{len(done)}",
-        "per_folder": {k: f"{v[0]}/{v[1]}" for k, v in sorted(folders.items())},
-        "kills_per_group": {k: sorted(v) for k, v in sorted(by_group.items())},
-        "unique_kills_per_group": {k: sorted(v) for k, v in sorted(unique.items())},
-        "groups_without_unique_kill": sorted(g for g in by_group if g not in unique),
-    }
+    return {"score": f"{len(killed)}/{len(counted)}",
+            "compiler": [r["id"] for r in results if r["outcome"] == "compiler"],
+            "survived": [r["id"] for r in results if r["outcome"] == "survived"],
+            "per_folder": {k: f"{a}/{b}" for k, (a, b) in sorted(folders.items())},
+            "unique_kills_per_group": dict(sorted(unique.items()))}
 
 
 def print_summary(s, results):
@@ -391,36 +341,26 @@ def print_summary(s, results):
         by = ", ".join(sorted({group_of(t) for t in r["killed_by"]}))
         print(f"{r['id']:5s} {r['outcome']:9s} {r['file']}: {r['description']}"
               + (f"  [{by}]" if by else ""))
+    k, n = (int(x) for x in s["score"].split("/"))
     print("\n== score")
-    print(f"run {s['run']} of {s['listed']} mutants; killed by tests {s['killed_by_tests']}, "
-          f"by the compiler {s['killed_by_compiler']}, survived {len(s['survived'])}")
-    if s["run"]:
-        k, n = (int(x) for x in s["score_tests"].split("/"))
-        print(f"score (tests, compiler kills left out): {s['score_tests']}"
-              + (f" = {100.0 * k / n:.1f}%" if n else ""))
-    print("per folder (killed/run): "
-          + ", ".join(f"{k} {v}" for k, v in s["per_folder"].items()))
+    print(f"killed {s['score']}" + (f" = {100.0 * k / n:.1f}%" if n else "")
+          + f"; refused by the compiler (left out): {', '.join(s['compiler']) or 'none'}")
+    print("per folder (killed/run): " + ", ".join(f"{a} {b}" for a, b in s["per_folder"].items()))
     print("survivors: " + (", ".join(s["survived"]) or "none"))
-    print("groups with no unique kill: " + (", ".join(s["groups_without_unique_kill"]) or "none"))
+    for g, ids in s["unique_kills_per_group"].items():
+        print(f"only {g} kills: {', '.join(ids)}")
 
 
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    ap.add_argument("--build", default=str(ROOT / "build-mutation"),
-                    help="configured build tree (default: build-mutation)")
-    ap.add_argument("--only", action="append", default=[], metavar="ID",
-                    help="run this mutant only (repeatable)")
-    ap.add_argument("--folder", action="append", default=[],
-                    help="run the mutants of this src/ folder only (repeatable)")
+    ap.add_argument("--build", default=str(ROOT / "build-mutation"), help="configured build tree")
+    ap.add_argument("--only", action="append", default=[], metavar="ID", help="this mutant only (repeatable)")
     ap.add_argument("--list", action="store_true", help="check and print the list, run nothing")
     ap.add_argument("--jobs", type=int, default=2, help="parallel build and ctest jobs")
     ap.add_argument("--timeout", type=int, default=300, help="seconds per test")
     ap.add_argument("--exclude", default="", help="ctest -E regex of tests not to run")
     ap.add_argument("--json", default="", help="write the results here (after every mutant)")
-    ap.add_argument("--resume", action="store_true",
-                    help="keep the mutants already in --json and run the others")
-    ap.add_argument("--skip-baseline", action="store_true",
-                    help="do not run the unmutated suite first")
+    ap.add_argument("--skip-baseline", action="store_true", help="do not run the unmutated suite first")
     args = ap.parse_args()
 
     errors = check_list()
@@ -430,110 +370,63 @@ def main():
     if args.list:
         for m in MUTANTS:
             print(f"{m['id']:5s} {m['file']}: {m['description']}")
-        counts = defaultdict(int)
-        for m in MUTANTS:
-            counts[folder(m)] += 1
-        print(f"{len(MUTANTS)} mutants: "
-              + ", ".join(f"{k} {v}" for k, v in sorted(counts.items())))
         return 0
-
-    selected = [m for m in MUTANTS
-                if (not args.only or m["id"] in args.only)
-                and (not args.folder or folder(m) in args.folder)]
-    # Round robin over the folders, so that a run cut short still covers all.
-    rank = defaultdict(int)
-    order = {}
-    for m in selected:
-        order[m["id"]] = (rank[folder(m)], m["id"])
-        rank[folder(m)] += 1
-    selected.sort(key=lambda m: order[m["id"]])
-    if args.only and len(selected) != len(set(args.only)):
+    selected = [m for m in MUTANTS if not args.only or m["id"] in args.only]
+    if len(selected) != len(set(args.only) or MUTANTS):
         print("unknown id in --only")
         return 2
+    # Round robin over the folders, so that a run cut short still covers all.
+    rank = defaultdict(int)
+    for m in selected:
+        m["rank"] = rank[folder(m)]
+        rank[folder(m)] += 1
+    selected.sort(key=lambda m: (m["rank"], m["id"]))
     if not git_clean(["src"]):
         print("src/ has uncommitted changes: the mutants need the committed sources")
         return 2
-    if not (Path(args.build) / "CTestTestfile.cmake").is_file():
-        print(f"{args.build} is not a configured build tree (see README.md)")
+    if build(args)[0] != 0:
+        print(f"{args.build} does not build unmutated (configured? see README.md)")
         return 2
 
     env = dict(os.environ, OPENBLAS_NUM_THREADS="1")
     signal.signal(signal.SIGTERM, on_term)
-    record = {"started": datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="seconds"),
-              "build": str(args.build), "timeout": args.timeout, "jobs": args.jobs,
-              "exclude": args.exclude, "baseline": None, "mutants": []}
-    if args.resume and args.json and Path(args.json).is_file():
-        old = json.loads(Path(args.json).read_text())
-        record["mutants"] = [r for r in old.get("mutants", []) if r["outcome"] != "error"]
-        record["baseline"] = old.get("baseline")
-        have = {r["id"] for r in record["mutants"]}
-        selected = [m for m in selected if m["id"] not in have]
-
-    def save():
-        record["summary"] = summarise(record["mutants"], len(MUTANTS))
-        if args.json:
-            Path(args.json).write_text(json.dumps(record, indent=1) + "\n")
-
-    rc, out, secs = build(args)
-    if rc != 0:
-        print(out[-4000:])
-        print("the unmutated tree does not build")
-        return 2
-    baseline_failed = set()
+    results, baseline = [], set()
     if not args.skip_baseline:
-        failed, total, out, secs = ctest(args, env)
-        print(f"baseline: {total} tests, {len(failed)} failed, {secs:.0f}s", flush=True)
-        record["baseline"] = {"tests": total, "failed": sorted(failed), "seconds": round(secs)}
-        if failed:
-            print("failing without a mutant (left out of the kills): " + ", ".join(sorted(failed)))
-        baseline_failed = set(failed)
-    elif record["baseline"]:
-        baseline_failed = set(record["baseline"]["failed"])
-    save()
-
+        failed, secs = ctest(args, env)
+        baseline = set(failed)
+        print(f"baseline: {len(failed)} failing ({', '.join(sorted(failed))}), {secs:.0f}s", flush=True)
     start_all = time.monotonic()
-    touched = set()
+    dirty = []
     try:
         for i, m in enumerate(selected, 1):
             path = ROOT / m["file"]
             original = path.read_bytes()
-            text = original.decode()
-            result = {"id": m["id"], "folder": folder(m), "file": m["file"],
-                      "description": m["description"], "outcome": "error", "killed_by": [],
-                      "reasons": {}, "build_seconds": 0, "test_seconds": 0}
-            touched.add(m["file"])
+            r = {"id": m["id"], "folder": folder(m), "file": m["file"],
+                 "description": m["description"], "outcome": "compiler", "killed_by": []}
             try:
-                path.write_text(text.replace(m["find"], m["replace"], 1))
-                rc, out, bsecs = build(args)
-                result["build_seconds"] = round(bsecs)
-                if rc != 0:
-                    result["outcome"] = "compiler"
-                else:
-                    failed, total, out, tsecs = ctest(args, env)
-                    result["test_seconds"] = round(tsecs)
-                    kills = {t: r for t, r in failed.items() if t not in baseline_failed}
-                    result["killed_by"] = sorted(kills)
-                    result["reasons"] = kills
-                    result["outcome"] = "killed" if kills else "survived"
+                path.write_text(original.decode().replace(m["find"], m["replace"], 1))
+                if build(args)[0] == 0:
+                    failed, secs = ctest(args, env)
+                    r["killed_by"] = sorted(t for t in failed if t not in baseline)
+                    r["outcome"] = "killed" if r["killed_by"] else "survived"
             finally:
                 path.write_bytes(original)
-            record["mutants"].append(result)
-            save()
-            print(f"[{i}/{len(selected)}] {m['id']} {result['outcome']} "
-                  f"({result['build_seconds']}s build, {result['test_seconds']}s tests) "
-                  f"{len(result['killed_by'])} failing", flush=True)
-    except (KeyboardInterrupt, Stop) as e:
+            results.append(r)
+            if args.json:
+                Path(args.json).write_text(json.dumps({"mutants": results}, indent=1) + "\n")
+            print(f"[{i}/{len(selected)}] {m['id']} {r['outcome']} {len(r['killed_by'])} failing", flush=True)
+    except KeyboardInterrupt as e:
         print(f"\nstopped ({e or 'interrupt'}); sources restored")
     finally:
-        dirty = [f for f in sorted(touched) if not git_clean([f])]
+        dirty = [f for f in {m["file"] for m in selected} if not git_clean([f])]
         if dirty:
-            print("ERROR: not restored: " + ", ".join(dirty))
-        record["seconds"] = round(time.monotonic() - start_all)
-        save()
-    # Leave the build tree matching the sources again.
-    build(args)
-    print_summary(summarise(record["mutants"], len(MUTANTS)), record["mutants"])
-    print(f"mutant runs took {record['seconds']}s")
+            print("ERROR: not restored: " + ", ".join(sorted(dirty)))
+    build(args)  # leave the build tree matching the sources again
+    summary = summarise(results)
+    if args.json:
+        Path(args.json).write_text(json.dumps({"mutants": results, "summary": summary}, indent=1) + "\n")
+    print_summary(summary, results)
+    print(f"mutant runs took {time.monotonic() - start_all:.0f}s")
     return 1 if dirty else 0
 
 
