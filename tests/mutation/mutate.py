@@ -202,6 +202,8 @@ LIST = [
      "if (s.active[i] != 0) sum += s.g[i] * s.g[i];", "free gradient norm over the active set"),
     ("N19", "src/nearness/minimiser.cpp", "const double factor = num / den / t;",
      "const double factor = num / den;", "Oren-Luenberger scale without the step"),
+    ("N20", "src/nearness/minimiser.cpp", "else if (s.binf[i] + dx >= x && (!cold || g > 0.0))",
+     "else if (s.binf[i] + dx >= x && (!cold || g < 0.0))", "lower bound activated on the wrong slope"),
     # ---- simul
     ("M01", "src/simul/geometric_brownian.cpp", "    if (status > 0) matFill(n, n, L, kZero);\n",
      "", "Cholesky factor not cleared after a failed DPOTRF (line deleted)"),
