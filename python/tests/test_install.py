@@ -9,26 +9,20 @@ import sys
 import pytest
 
 
-@pytest.fixture(scope="module")
-def installed(tmp_path_factory):
+def test_installed_package_finds_the_installed_library(tmp_path):
     build = os.environ.get("LUMBRA_BUILD_DIR")
     if not build:
         pytest.skip("LUMBRA_BUILD_DIR (the build tree to install from) is not set")
-    prefix = tmp_path_factory.mktemp("prefix")
-    subprocess.run(["cmake", "--install", build, "--prefix", str(prefix)], check=True,
+    subprocess.run(["cmake", "--install", build, "--prefix", str(tmp_path)], check=True,
                    capture_output=True)
-    return prefix
-
-
-def test_installed_package_finds_the_installed_library(installed):
-    site = installed / "lib" / "python3" / "dist-packages"
-    assert (site / "lumbra" / "_installed.py").exists()
+    site = tmp_path / "lib" / "python3" / "dist-packages"
     env = {k: v for k, v in os.environ.items() if k not in ("LUMBRA_LIBRARY", "PYTHONPATH")}
     env["PYTHONPATH"] = str(site)
     code = ("import lumbra, numpy as np; print(lumbra.__file__); print(lumbra.library_path()); "
             "print(lumbra.covariance(np.array([[1.0, 2.0], [2.0, 1.0], [0.0, 0.0]]))[0, 0])")
-    out = subprocess.run([sys.executable, "-c", code], env=env, cwd=installed,
+    out = subprocess.run([sys.executable, "-c", code], env=env, cwd=tmp_path,
                          capture_output=True, text=True, check=True).stdout.split("\n")
-    assert pathlib.Path(out[0]).is_relative_to(installed)
-    assert pathlib.Path(out[1]).resolve().is_relative_to(installed.resolve())
+    assert (site / "lumbra" / "_installed.py").exists()
+    assert pathlib.Path(out[0]).is_relative_to(tmp_path)
+    assert pathlib.Path(out[1]).resolve().is_relative_to(tmp_path.resolve())
     assert float(out[2]) == 1.0

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: Apache-2.0
+// Risk statistics where the system's own arithmetic fixes the bits; the
+// references through the exports are in tests/python/test_stats_reference.py.
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "kernels/index.h"
+#include "stats/analysis.h"
+#include "stats/normal.h"
+#include "stats/returns.h"
+#include "test_support.h"
+
+using namespace lumbra;
+using namespace lumbra::stats;
+using lumbra::testing::bitEqual;
+
+// Published values bit for bit (0.66291, the end of the central region,
+// still takes the central fit: the middle fit's upper area is one ulp
+// lower); elsewhere 0.5 erfc(-+x / sqrt 2) within a few ulps, and in the far
+// tail, where erfc loses digits, Mills-ratio areas to 50 digits, 1e-15.
+TEST(NormalCdf, RegionsAgainstErfcAndTheFarTail) {
+  const double exact[][3] = {{0.0, 0.5, 0.5}, {1.0, 0.8413447460685429, 0.15865525393145705},
+                             {-38.0, 0.0, 1.0}, {38.0, 1.0, 0.0},
+                             {0.66291, 0x1.7e1bcea074aa2p-1, 0x1.03c862bf16abcp-2}};
+  double cum = -1.0, ccum = -1.0;
+  for (const auto& c : exact) {
+    normalCdf(c[0], cum, ccum);
+    EXPECT_TRUE(bitEqual(c[1], cum) && bitEqual(c[2], ccum)) << "x = " << c[0];
+  }
+  for (double x : {-5.65, -4.0, -2.5, -0.66291, -1e-9, 1e-20, 0.66292, 1.3, 3.0, 5.6}) {
+    normalCdf(x, cum, ccum);
+    const double lower = 0.5 * std::erfc(-x / std::sqrt(2.0)), upper = 1.0 - lower;
+    EXPECT_NEAR(cum, lower, 5e-15 * lower) << "x = " << x;
+    EXPECT_NEAR(ccum, 0.5 * std::erfc(x / std::sqrt(2.0)), 5e-15 * upper) << "x = " << x;
+  }
+  const double tail[][2] = {{5.7, 5.9903714010635281878e-09}, {8.0, 6.2209605742717841235e-16},
+                            {12.0, 1.7764821120776789977e-33}, {30.0, 4.9067139271481870595e-198}};
+  for (const auto& c : tail) {
+    normalCdf(c[0], cum, ccum);
+    EXPECT_NEAR(ccum, c[1], 1e-15 * c[1]) << "x = " << c[0];
+    EXPECT_BITEQ(1.0 - ccum, cum);
+    normalCdf(-c[0], cum, ccum);
+    EXPECT_NEAR(cum, c[1], 1e-15 * c[1]) << "x = " << -c[0];
+  }
+}
+
+// Pairs formed as the value-at-risk routines form them, q = 1 - p (1 - 0.95
+// is 0.050000000000000044: point ...722, exactly 0.05 gives ...729).  Far in
+// the tail the Newton stop is relative: the last step is below 1e-13 |x| but
+// not below 1e-13, and one step more moves the last bit.
+TEST(NormalQuantile, PublishedValuesSymmetryAndRelativeStop) {
+  EXPECT_BITEQ(1.6448536269514722, normalQuantile(0.95, 1.0 - 0.95));
+  EXPECT_BITEQ(2.3263478740408408, normalQuantile(0.99, 1.0 - 0.99));
+  EXPECT_BITEQ(-1.6448536269514729, normalQuantile(0.05, 0.95));
+  EXPECT_BITEQ(-normalQuantile(0.95, 0.05), normalQuantile(0.05, 0.95));
+  const double p = 0x1.5b26e797d18f9p-77;
+  EXPECT_BITEQ(-0x1.3f7b39d90216fp+3, normalQuantile(p, 1.0 - p));
+}
+
+// Exact returns, the last lag, each routine's denominator floor: 1e-30 for
+// simple returns, the widened single-precision 1e-15 (1.0000000036e-15) for
+// log returns, which refuses 1.000000002e-15; stopped (-103), the values
+// before the stop stay and the rest is not written.
+TEST(ReturnSeries, ValuesFloorsAndPartialResults) {
+  const std::vector<double> P = {100.0, 110.0, 99.0, 8.0, 8.0, 10.0};  // 3 by 2
+  std::vector<double> R(4, -1.0);
+  int status = 9;
+  modelingReturnsSimple(3, 2, P.data(), 1, R.data(), status);
+  EXPECT_TRUE(status == 0 && R[0] == 0.1 && R[1] == -0.1 && R[2] == 0.0 && R[3] == 0.25);
+  modelingReturnsLog(3, 2, P.data(), 1, R.data(), status);
+  EXPECT_TRUE(status == 0 && R[0] == std::log(110.0 / 100.0) && R[3] == std::log(1.25));
+  modelingReturnsSimple(3, 1, P.data(), 2, R.data(), status);
+  EXPECT_TRUE(status == 0 && R[0] == (99.0 - 100.0) / 100.0);
+  modelingReturnsSimple(3, 1, P.data(), 3, R.data(), status);
+  EXPECT_EQ(-2, status);
+  const std::vector<double> tiny = {1.0, 1.000000002e-15, 2.0};
+  modelingReturnsSimple(3, 1, tiny.data(), 1, R.data(), status);
+  EXPECT_EQ(0, status);
+  R.assign(2, -1.0);
+  modelingReturnsLog(3, 1, tiny.data(), 1, R.data(), status);
+  EXPECT_TRUE(status == -103 && R[0] == std::log(tiny[1]) && R[1] == -1.0);
+}
+
+// One asset alternating +-1 (T = 4, V = 1): c4 = 1, so the kurtosis is
+// a - 3 - b with a = 44/6 in single precision (7.3333335) and b = 45/8; at
+// least 4 observations for kurtosis and 3 for skewness.  Zero skewness and
+// kurtosis reduce the expansion to mean - sigma z; a floored variance is
+// refused.
+TEST(ModifiedVaR, KurtosisFactorsAndNormalLimit) {
+  const double R[4] = {1.0, -1.0, 1.0, -1.0}, w[1] = {1.0}, V[1] = {1.0};
+  const double z = 1.6448536269514722;
+  double K = 0.0, S = 1.0, work[6], result = 0.0;
+  int status = -7;
+  analysisExcessKurtosis(4, 1, w, R, V, K, status);
+  EXPECT_TRUE(status == 0 && bitEqual(7.333333492279053 - 3.0 - 5.625, K));
+  analysisExcessKurtosis(3, 1, w, R, V, K, status);
+  EXPECT_EQ(kStatusBadSize, status);
+  analysisSkewness(2, 1, w, R, V, work, S, status);
+  EXPECT_TRUE(status == kStatusBadSize && S == 0.0);
+  analysisCornishFisher(0.01, 0.04, 0.0, 0.0, z, result, status);
+  EXPECT_TRUE(status == 0 && bitEqual(0.2 * (0.0 - z) + 0.01, result));
+  analysisCornishFisher(0.01, 1e-31, 0.0, 0.0, z, result, status);
+  EXPECT_TRUE(status == kStatusZeroVariance && result == 0.0);
+}
+
+// Ex ante on dyadic data: Sigma is not symmetric, the full form gives 1.625
+// (its upper triangle 1.875, its lower 1.375); an indefinite matrix gives a
+// NaN volatility with status 0.  Ex post, the one-pass variance of constant
+// non-dyadic series has either sign: negative is floored to 0 (never NaN),
+// positive stays (0.1 five times); ~1e-32 is under the floor, 1.33e-28 not;
+// one element is refused.
+TEST(Exante, DyadicFiguresAndDegenerateSeries) {
+  const double mu[3] = {0.25, -0.5, 0.125}, w[3] = {0.5, 0.25, -0.25}, bad[1] = {-1.0};
+  const double Sigma[9] = {4.0, 1.0, 0.0, 3.0, 2.0, 0.5, 0.0, 0.5, 1.0};
+  double r = 0.0, v = 0.0;
+  int status = -7;
+  analysisPortfolioReturn(3, mu, w, r, status);
+  analysisPortfolioVariance(3, Sigma, w, v, status);
+  EXPECT_TRUE(status == 0 && r == -0.03125 && v == 1.625);
+  analysisPortfolioVolatility(1, bad, w, v, status);
+  EXPECT_TRUE(status == 0 && std::isnan(v));
+  const double series[][3] = {{0.1, 3, 0.0}, {0.7, 5, 0.0}, {1e6 + 0.3, 3, 0.0}, {0.25, 6, 0.0},
+                              {0.1, 5, std::sqrt(1.734723475976807e-18)}, {1e-16, 4, 0.0},
+                              {1e-14, 4, 1.1547005383792515e-14}, {1.0, 1, 0.0}};
+  for (const auto& c : series) {
+    double x[6];
+    for (int k = 0; k < 6; ++k) x[k] = c[0] > 1e-10 ? c[0] : (k % 2 ? -c[0] : c[0]);
+    analysisSeriesStdDev(int(c[1]), x, r, status);
+    EXPECT_EQ(c[1] > 1 ? 0 : kStatusBadSize, status);
+    EXPECT_NEAR(c[2], r, 1e-28) << c[0] << " x " << c[1];
+    EXPECT_TRUE(c[2] > 0.0 ? r > 0.0 : r == 0.0) << c[0] << " x " << c[1];
+  }
+}
+
+// x = (0, 1) at 0.5: both at distance 0.5, deviation sqrt(1/2); a double
+// 2^0.2 or 1.059 in the bandwidth changes the bits.  A constant sample has
+// zero bandwidth and no guard: non-finite densities with status 0.
+TEST(KernelDensity, TwoPointAndConstantSamples) {
+  double x[2] = {0.0, 1.0}, g[2] = {0.5, 1.0}, c[3] = {0.5, 0.5, 0.5}, f[2] = {-1.0, -1.0};
+  int status = -7;
+  analysisGaussianKernel(2, 1, x, g, f, status);
+  const double h = 1.059000015258789 * 0.7071067811865476 / double(std::pow(2.0f, 0.2f));
+  const double term = std::exp((0.0 - 0.25) / ((2.0 * h) * h)) * 0.3989422748506426;
+  EXPECT_TRUE(status == 0 && bitEqual((0.0 + term + term) / (h * 2.0), f[0]));
+  analysisGaussianKernel(3, 2, c, g, f, status);
+  EXPECT_TRUE(status == 0 && !std::isfinite(f[0]) && !std::isfinite(f[1]));
+}
