@@ -1,7 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Shared data of the package tests: a seeded universe as numpy and pandas
-objects, and direct ctypes calls of the exports (the results the wrappers
-must reproduce bit for bit)."""
+"""Shared data of the package tests and direct calls of the exports."""
 import ctypes
 import pathlib
 import sys
@@ -31,8 +29,7 @@ def raw(name, *args):
 
 @pytest.fixture(scope="session")
 def u():
-    """Returns (250 by 4, correlated), prices, covariance and means, plain
-    and labelled by date and asset."""
+    """Correlated returns (250 by 4), prices, covariance, means; labelled P, R."""
     rng = np.random.default_rng(20261123)
     mix = np.array([[1.0, 0.3, 0.1, 0.0], [0.0, 1.0, 0.4, 0.2],
                     [0.0, 0.0, 1.0, -0.3], [0.0, 0.0, 0.0, 1.0]])

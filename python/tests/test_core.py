@@ -1,10 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Every wrapper against the export it wraps (bit for bit: the same data
-reach the same code) and against numpy, scipy and cvxopt where they
-overlap."""
+reach the same code) and against numpy where they overlap (the allocators
+against cvxopt: tests/python/test_alloc_cvxopt.py)."""
 import numpy as np
 import pytest
-from scipy import stats
 
 import lumbra
 from conftest import raw
@@ -54,25 +53,13 @@ def test_wrapper_reproduces_its_export(u, wrapper, export, args, result):
     assert (code, status) == (0, 0) and np.array_equal(np.ravel(wrapper(u)), out[result])
 
 
-def test_against_numpy_scipy_cvxopt(u):
+def test_against_numpy_and_properties(u):
     p, c, mu = u["prices"], u["cov"], u["mu"]
-    # One rounding per quotient (and per logarithm) away from numpy; the
-    # statistics' references are in tests/python/test_stats_reference.py.
+    # One rounding per quotient (and logarithm) away from numpy; references of
+    # the statistics are in tests/python/test_stats_reference.py.
     np.testing.assert_allclose(lumbra.returns(p, 3), p[3:] / p[:-3] - 1.0, rtol=1e-12, atol=1e-15)
     np.testing.assert_allclose(lumbra.log_returns(p), np.log(p[1:] / p[:-1]), rtol=1e-12,
                                atol=1e-15)
-    np.testing.assert_allclose(lumbra.normal_var(W, c, mu, 0.99),
-                               W @ mu - np.sqrt(W @ c @ W) * stats.norm.ppf(0.99), rtol=1e-12)
-    # Minimum variance at mu'w >= target, budget 1, 0 <= w <= 0.6 against
-    # cvxopt's interior point: agreement to the QP's conditioning.
-    import cvxopt
-    from cvxopt import solvers
-    solvers.options.update(show_progress=False, abstol=1e-12, reltol=1e-12, feastol=1e-12)
-    sol = solvers.qp(*(cvxopt.matrix(a) for a in (2 * c, Z4, np.vstack([-mu, -np.eye(4), np.eye(4)]),
-                                                  np.r_[-0.0007, Z4, np.full(4, 0.6)],
-                                                  np.ones((1, 4)), np.ones(1))))
-    w = lumbra.alloc_mv(c, mu, 0.0007, bounds=(0.0, 0.6))
-    np.testing.assert_allclose(w, np.array(sol["x"]).ravel(), atol=1e-5)
     # Zero excess return: the benchmark itself.
     np.testing.assert_allclose(lumbra.alloc_tracking(c, mu, BENCH, 0.0), BENCH, atol=1e-8)
     # Without constraints the nearest matrix is the eigenvalue floor.
@@ -81,9 +68,6 @@ def test_against_numpy_scipy_cvxopt(u):
                                (vecs * np.maximum(vals, 0.02)) @ vecs.T, atol=1e-12)
     x = lumbra.nearest_correlation(NOISY, eigen_floor=0.05)
     assert np.allclose(np.diag(x), 1.0) and np.linalg.eigvalsh(x).min() >= 0.05 - 1e-8
-
-
-def test_simulation_and_version(u):
     start = np.array([10.0, 20.0, 30.0, 40.0])
     paths = lumbra.simulate_gbm(start, u["mu"], u["cov"], 252, 253)
     assert paths.shape == (253, 4) and np.array_equal(paths[0], start) and (paths > 0).all()

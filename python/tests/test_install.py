@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The package as `cmake --install` lays it out: importable from the
-installed tree, and finding the installed library without any variable."""
+"""The installed package finds the installed library without any variable."""
 import os
 import pathlib
 import subprocess

@@ -2,6 +2,7 @@
 """Risk statistics through the exports against independent references:
 scipy's normal quantile and gaussian_kde, numpy's covariance, correlation and
 standard deviation, a Cornish-Fisher evaluation from the portfolio series."""
+import math
 import os
 import sys
 
@@ -55,9 +56,29 @@ check((code, status) == (6, 5) and not np.delete(corr[3], 3).any() and corr[3, 3
       f"constant asset: code {code} status {status}")
 
 # Ex-post volatility against numpy (ddof = 1): 1e-13 for the one-pass formula.
+# Constant non-dyadic series leave a one-pass variance of either sign:
+# negative is floored to 0 (never NaN), positive stays (0.1 five times).
 x, res = rng.normal(0.001, 0.02, 500), np.zeros(1)
 code, status = call("ORXanalysisExpostVolatility", i32(len(x)), arr(x), arr(res))
 check(code == 0 and abs(res[0] - x.std(ddof=1)) <= 1e-13 * x.std(ddof=1), "ex-post volatility")
+for level, want in [(0.7, 0.0), (0.1, math.sqrt(1.734723475976807e-18))]:
+    code, status = call("ORXanalysisExpostVolatility", i32(5), arr(np.full(5, level)), arr(res))
+    check(code == status == 0 and res[0] == want, f"constant series {level}: {res[0]!r}")
+
+# Ex ante figures read the full covariance, symmetric or not: w'Vw = 1.625
+# exactly on dyadic data (its upper triangle would give 1.875).
+V, w = matrix([[4.0, 3.0, 0.0], [1.0, 2.0, 0.5], [0.0, 0.5, 1.0]]), matrix([0.5, 0.25, -0.25])
+code, status = call("ORXanalysisExanteVolatility", i32(3), arr(V), arr(w), arr(res))
+check(code == status == 0 and res[0] == math.sqrt(1.625), f"ex-ante volatility {res[0]!r}")
+
+# Denominator floors: 1e-30 for simple returns, the widened single-precision
+# 1e-15 (1.0000000036e-15) for log returns, which stops at 1.000000002e-15
+# (return 5, status -103): the values before the stop, the rest cleared.
+for name, want in [("ORXmodelingReturns", (0, 0)), ("ORXmodelingLogReturns", (5, -103))]:
+    out = np.full(2, -1.0)
+    got = call(name, i32(3), i32(1), arr(matrix([1.0, 1.000000002e-15, 2.0])), i32(1), arr(out))
+    check(got == want and (want[0] == 0 or list(out) == [math.log(1.000000002e-15), 0.0]),
+          f"{name} with a tiny price: {got}, {out}")
 
 
 def modified_var(R, V, w, level):

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Random source where it is deterministic (generator step, seed reductions,
-// reseed for a given clock reading, one Box-Muller variate), its shared
-// state under concurrent use (built with -DLUMBRA_TSAN=ON the
-// SimulConcurrency tests must also run without a ThreadSanitizer report),
-// and correlated geometric Brownian paths.
+// The random source where it is deterministic, its shared state under
+// concurrent use (also run under ThreadSanitizer), and the simulated paths.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -40,10 +37,8 @@ int simulate(int n, int horizon, int steps, std::vector<double> start, std::vect
 }
 }  // namespace
 
-// The first uniforms from the initial state (u, s1, s2), local and shared;
-// from (1, 1) the negative difference is shifted by m1 - 1; where both
-// components reach 12345, z = 0 wraps to m1 - 1 (never u = 0); over many
-// steps u stays in (0, 1) and the components in range.
+// First uniforms (u, s1, s2), local and shared; from (1, 1) the difference
+// is shifted by m1 - 1; z = 0 wraps to m1 - 1; ranges kept over many steps.
 TEST(SimulGenerator, SequenceAndRanges) {
   const double steps[3][3] = {{3.920868194323862e-07, 2147443549, 2147442707},
                               {0.025480442757642607, 546363367, 491644535},
@@ -68,11 +63,9 @@ TEST(SimulGenerator, SequenceAndRanges) {
   }
 }
 
-// Reductions (a, b -> s1, s2): 0 is the initial value, seeds above the
-// ranges lose m - 1, the last ones fold by + 172 and + 500 (s1 at >= m1, s2
-// only at > m2 - 1); simulSeedPut reads -1 as 2^32 - 1.  Reseed (seeds, ms
-// -> s1, s2): the state times (ms - 500), 500 giving the initial state, 501
-// no change, negative multipliers folding.
+// Reductions (a, b -> s1, s2): 0 the initial value, m - 1 off above the
+// ranges, folds by + 172 (s1 >= m1) and + 500 (s2 > m2 - 1).  Reseed (seeds,
+// ms -> s1, s2): the state times ms - 500, 500 the initial state.
 TEST(SimulGenerator, SeedReductionsAndReseed) {
   const std::uint32_t reduce[][4] = {
       {0u, 0u, 2147483562u, 2147483398u}, {1u, 1u, 1u, 1u},
@@ -100,10 +93,8 @@ TEST(SimulGenerator, SeedReductionsAndReseed) {
   simulSeedPut(kZero);
 }
 
-// From the initial state: sqrt(-2 ln u1) cos(6.283185307 u2), worked out
-// apart; 1e-14 relative allows ulps of log, sqrt, cos between maths
-// libraries (a full 2 pi moves it 7.4e-13).  Two uniforms are used, and
-// after the reseed at ms = 500 the variate is this one whatever the state.
+// sqrt(-2 ln u1) cos(6.283185307 u2) from the initial state, worked out
+// apart: 1e-14 allows maths libraries' ulps (a full 2 pi moves it 7.4e-13).
 TEST(SimulGenerator, OneGaussianVariateFromTheInitialState) {
   constexpr double kStandard = 5.362255498630253;
   const std::int32_t some[2] = {42, 4242};
@@ -116,71 +107,56 @@ TEST(SimulGenerator, OneGaussianVariateFromTheInitialState) {
   simulSeedPut(kZero);
 }
 
-// Threads drawing from the locked state together draw exactly the first
-// values of the one sequence, each once, and leave the state after them (an
-// update outside the lock repeats or skips values).
-TEST(SimulConcurrency, LockedUniformsLoseNoDraw) {
+// Threads drawing together get the first values of the one sequence, each
+// once (an update outside the lock repeats or skips values).  Then threads
+// simulate while this one reads and writes the seeds without the lock:
+// every call succeeds with finite paths, every pair read is in range.
+TEST(SimulConcurrency, SharedStateUnderThreads) {
   constexpr int kThreads = 4, kDraws = 50000;
   simulSeedPut(kZero);
   std::vector<std::vector<double>> drawn(kThreads);
-  std::atomic<int> ready{0};  // all threads start drawing together
+  std::atomic<int> ready{0}, failures{0};  // all threads start drawing together
   std::vector<std::thread> pool;
   for (int k = 0; k < kThreads; ++k)
     pool.emplace_back([&drawn, &ready, k] {
       drawn[k].reserve(kDraws);
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) std::this_thread::yield();
+      for (ready.fetch_add(1); ready.load() < kThreads;) std::this_thread::yield();
       for (int i = 0; i < kDraws; ++i) drawn[k].push_back(simulUniform());
     });
   for (std::thread& t : pool) t.join();
   std::vector<double> all, expected;
   for (const auto& d : drawn) all.insert(all.end(), d.begin(), d.end());
-  std::int32_t s1 = kSeed1Initial, s2 = kSeed2Initial;
+  std::int32_t s1 = kSeed1Initial, s2 = kSeed2Initial, seed[2];
   for (int i = 0; i < kThreads * kDraws; ++i) expected.push_back(simulUniformStep(s1, s2));
   std::sort(all.begin(), all.end());
   std::sort(expected.begin(), expected.end());
   EXPECT_TRUE(all == expected);
   expectShared(s1, s2);
-}
-
-// Threads simulate through the export while another reads and writes the
-// seeds without the lock: every call succeeds with finite paths and every
-// pair read lies in the generator's ranges.
-TEST(SimulConcurrency, PathsAndSeedAccessFromSeveralThreads) {
-  std::atomic<int> failures{0}, badSeeds{0};
-  std::vector<std::thread> pool;
-  for (int k = 0; k < 4; ++k)
-    pool.emplace_back([&failures] {
+  for (std::thread& t : pool)
+    t = std::thread([&failures] {
       for (int c = 0; c < 20; ++c) {
         std::vector<double> p;
         int status = -1;
-        const int code = simulate(3, 1, 100, {1.0, 2.0, 3.0}, {0.01, 0.02, -0.01},
-                                  {0.04, 0.01, 0.0, 0.01, 0.09, 0.02, 0.0, 0.02, 0.16}, p, status);
-        bool ok = code == 0 && status == 0;
-        for (double v : p) ok = ok && std::isfinite(v);
+        bool ok = simulate(3, 1, 100, {1.0, 2.0, 3.0}, {0.01, 0.02, -0.01},
+                           {0.04, 0.01, 0.0, 0.01, 0.09, 0.02, 0.0, 0.02, 0.16}, p, status) == 0;
+        for (double v : p) ok = ok && status == 0 && std::isfinite(v);
         failures += !ok;
       }
     });
-  std::thread seeder([&badSeeds] {
-    for (int i = 0; i < 20000; ++i) {
-      std::int32_t seed[2];
-      simulSeedGet(seed);
-      badSeeds += seed[0] < 1 || seed[0] >= kModulus1 || seed[1] < 1 || seed[1] >= kModulus2;
-      seed[0] ^= i;
-      simulSeedPut(seed);
-    }
-  });
+  int badSeeds = 0;
+  for (int i = 0; i < 20000; ++i) {
+    simulSeedGet(seed);
+    badSeeds += seed[0] < 1 || seed[0] >= kModulus1 || seed[1] < 1 || seed[1] >= kModulus2;
+    seed[0] ^= i;
+    simulSeedPut(seed);
+  }
   for (std::thread& t : pool) t.join();
-  seeder.join();
-  EXPECT_EQ(0, failures.load());
-  EXPECT_EQ(0, badSeeds.load());
+  EXPECT_TRUE(failures.load() == 0 && badSeeds == 0) << failures.load() << ", " << badSeeds;
 }
 
-// Paths fixed whatever the variates.  One time point: the start, no variate
-// drawn.  Zero horizon: every shock is 0 + 0 (L z), every row the start.
-// Zero variance, floored to 1e-30: L ~ 1e-15, so over four moves the path is
-// the Euler drift path S(t+1) = S(t) (1 + drift dt), dt = horizon / steps =
-// 0.4, within 1e-13 relative.
+// Paths fixed whatever the variates: one time point (no variate drawn);
+// zero horizon (every row the start); zero variance floored to 1e-30 (L ~
+// 1e-15): the drift path S(t+1) = S(t) (1 + drift dt), dt = 0.4, within 1e-13.
 TEST(SimulPaths, PathsFixedWhateverTheVariates) {
   std::vector<double> p;
   std::int32_t before[2];
@@ -199,11 +175,10 @@ TEST(SimulPaths, PathsFixedWhateverTheVariates) {
     EXPECT_NEAR(expected, p[t], 1e-13 * expected) << "t " << t;
 }
 
-// Correlation 1: the second eigenvalue is floored to 1e-30 and whether
-// DPOTRF accepts the rebuilt matrix depends on its rounding.  Refused
-// (status > 0, return 6): L is cleared, the path is the drift path bit for
-// bit; the test allocator fills work memory with NaN, so an uncleared factor
-// shows.  Accepted: both assets receive the same shock within 1e-6.
+// Correlation 1: DPOTRF may refuse the floored matrix (status > 0, return
+// 6): L is cleared and the path is the drift path bit for bit (the test
+// allocator's NaN work memory shows an uncleared factor); or accept it: both
+// assets then get the same shock within 1e-6.
 TEST(SimulPaths, RankDeficientCovariance) {
   for (const double var : {1.0, 0.04}) {
     std::vector<double> p;
@@ -225,8 +200,7 @@ TEST(SimulPaths, RankDeficientCovariance) {
   }
 }
 
-// y = stepDrift + rootdt (L z) on dyadic data (exact in any summation
-// order); the garbage above L's diagonal must not be read.
+// y = stepDrift + rootdt (L z) on dyadic data; L's upper part is not read.
 TEST(SimulPaths, ShockFromGivenVariates) {
   const double G = 1.0e300, L[9] = {2.0, 0.5, -1.0, G, 1.0, 0.25, G, G, 4.0};
   const double z[3] = {0.5, -2.0, 0.125}, stepDrift[3] = {0.0625, -0.125, 0.25};
@@ -236,12 +210,9 @@ TEST(SimulPaths, ShockFromGivenVariates) {
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(Lz[i] == w[i] && y0[i] == y[i]) << i;
 }
 
-// Shocks y = S(t+1) / S(t) - 1 have mean drift dt and covariance Sigma dt.
-// Allowed: 6 standard errors, sqrt(Sigma_ii dt / N) for a mean and
-// dt sqrt((Sigma_ii Sigma_jj + Sigma_ij^2) / N) for a covariance (a false
-// alarm about once in 10^8 per entry).  In millisecond 500 the reseed
-// restores the initial state before every variate, so all variates drawn
-// then are equal: batches that may have crossed it are left out.
+// Shocks S(t+1) / S(t) - 1 have mean drift dt and covariance Sigma dt,
+// within 6 standard errors (a false alarm about once in 10^8 per entry).
+// Batches that may have crossed millisecond 500 (equal variates) are left out.
 TEST(SimulPaths, ShockMomentsMatchDriftAndCovariance) {
   constexpr int n = 3, steps = 201, wanted = 20000;  // 200 moves per batch
   const std::vector<double> Sigma = {0.04, 0.012, -0.006, 0.012, 0.09, 0.027, -0.006, 0.027, 0.16};
