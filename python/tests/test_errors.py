@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Every documented status has a message (read from the header), and every
-error path: arguments named, solver failures, warnings, memory, unknown
-return values, a library that cannot be found."""
+"""Every status the header documents has a message, and every error path:
+arguments named, solver failures, warnings, memory, unknown return values,
+a library that cannot be found."""
 import os
 import pathlib
 import re
@@ -54,9 +54,7 @@ def test_every_documented_status_has_a_message():
 
 @pytest.mark.parametrize("call,code,status,argument", [
     (lambda u: lumbra.alloc_mv(u["cov"], u["mu"], 0.0, bounds=(0.5, 0.4)), 308, 0, "bounds"),
-    (lambda u: lumbra.log_returns(-u["prices"]), 303, 0, "prices"),
     (lambda u: lumbra.modified_var(np.ones(4), u["returns"][:3], u["cov"]), 301, 0, "returns"),
-    (lambda u: lumbra.kernel_density(u["returns"][:, 0], [0.1, 0.0]), 304, 0, "points"),
     (lambda u: lumbra.nearest_psd(np.eye(3), A_ineq=np.eye(3), ineq_lower=[1.0],
                                   ineq_upper=[0.0]), 308, 0, "ineq_lower"),
     (lambda u: lumbra.alloc_mv(np.array([[1.0, 2.0], [2.0, 1.0]]), [0.1, 0.2], 0.1), 5, -108, None),
@@ -68,12 +66,10 @@ def test_failures_raise_their_class(u, call, code, status, argument):
     with pytest.raises(lumbra.ArgumentError if argument else lumbra.SolverError) as info:
         call(u)
     e = info.value
-    assert (e.code, e.status) == (code, status)
-    if argument:
-        assert (e.position, e.argument) == (code - 300, argument) and f"`{argument}`" in str(e)
-        assert isinstance(e, ValueError)
-    else:
-        assert lumbra.STATUS_MESSAGES[status] in str(e)
+    assert (e.code, e.status) == (code, status) and isinstance(e, lumbra.LumbraError)
+    assert (e.position, e.argument, isinstance(e, ValueError)) == (code - 300, argument, True) \
+        if argument else lumbra.STATUS_MESSAGES[status] in str(e)
+    assert not argument or f"`{argument}`" in str(e)
 
 
 def test_warnings_memory_and_unknown_returns():
@@ -88,8 +84,6 @@ def test_warnings_memory_and_unknown_returns():
     assert isinstance(info.value, MemoryError) and info.value.code == 2
     with pytest.raises(lumbra.LumbraError, match="unexpected return value 7"):
         _errors.check("ORXallocMV", 7, 0)
-    assert all(issubclass(c, lumbra.LumbraError) for c in
-               (lumbra.ArgumentError, lumbra.SolverError, lumbra.LumbraMemoryError))
 
 
 def test_library_not_found_lists_what_was_tried(tmp_path):

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Risk statistics through the exports against independent references:
-scipy's normal quantile and gaussian_kde, numpy's covariance, correlation and
-standard deviation, a Cornish-Fisher evaluation from the portfolio series."""
+"""Risk statistics through the exports against scipy, numpy and a
+Cornish-Fisher evaluation from the portfolio series."""
 import math
 import os
 import sys
@@ -24,28 +23,24 @@ def quantile(level):
 
 # Normal VaR of a unit asset is -z(level): 1e-15 relative plus 1e-16 near the
 # median; just beyond the engine's limits 5, -102, result 0.
-for level in [1e-9, 1e-8, 1e-5, 0.01, 0.05, 0.25, 0.5, 0.6, 0.9, 0.95, 0.99, 0.99999999,
-              0.999999999]:
-    res, one = np.zeros(1), matrix([1.0])
-    code, status = call("ORXanalysisExanteNormalVaR", i32(1), arr(one), arr(np.zeros(1)),
-                        arr(one), f64(level), arr(res))
-    z = quantile(level)
+res, one = np.zeros(1), matrix([1.0])
+for level in [1e-9, 1e-8, 1e-5, 0.01, 0.05, 0.25, 0.5, 0.6, 0.9, 0.99, 0.99999999, 0.999999999]:
+    z, code, status = quantile(level), *call("ORXanalysisExanteNormalVaR", i32(1), arr(one),
+                                             arr(np.zeros(1)), arr(one), f64(level), arr(res))
     check((code, status, res[0]) == (5, -102, 0.0) if level in (1e-9, 0.999999999) else
           code == status == 0 and abs(-res[0] - z) <= 1e-15 * abs(z) + 1e-16,
           f"normal VaR at {level}: code {code} status {status}, {-res[0]!r} vs {z!r}")
 
 rng = np.random.default_rng(20261123)
 
-# Covariance and correlation of row-major tables, small and across the
-# engine's tiles, against numpy with the single-precision scale 1/(T-1):
-# 1e-13 relative to the largest entry covers the summation orders.  A
-# constant asset has zero correlations and warns (return 6, status 5).
+# Covariance and correlation of row-major tables, small and across the tiles,
+# against numpy with the single-precision scale 1/(T-1), 1e-13 relative to the
+# largest entry.  A constant asset has zero correlations and warns (6, 5).
 for T, n in [(2, 1), (40, 9), (130, 70)]:
     X = matrix(rng.uniform(-0.01, 0.01, (T, n)))
-    cov, corr = np.zeros((n, n)), np.zeros((n, n))
+    cov, corr, D = np.zeros((n, n)), np.zeros((n, n)), X - X.mean(axis=0)
     c1, s1 = call("ORXmodelingCov", i32(T), i32(n), arr(X.copy()), arr(cov))
     c2, s2 = call("ORXmodelingCorr", i32(T), i32(n), arr(X.copy()), arr(corr))
-    D = X - X.mean(axis=0)
     ref = (D.T @ D) * float(f32(1) / f32(T - 1))
     check(c1 == s1 == c2 == s2 == 0 and np.abs(cov - ref).max() <= 1e-13 * np.abs(ref).max()
           and np.abs(corr - np.corrcoef(X.T)).max() <= 1e-13 and np.array_equal(corr, corr.T),
@@ -55,16 +50,14 @@ code, status = call("ORXmodelingCorr", i32(T), i32(n), arr(X), arr(corr))
 check((code, status) == (6, 5) and not np.delete(corr[3], 3).any() and corr[3, 3] == 1.0,
       f"constant asset: code {code} status {status}")
 
-# Ex-post volatility against numpy (ddof = 1): 1e-13 for the one-pass formula.
-# Constant non-dyadic series leave a one-pass variance of either sign:
-# negative is floored to 0 (never NaN), positive stays (0.1 five times).
-x, res = rng.normal(0.001, 0.02, 500), np.zeros(1)
-code, status = call("ORXanalysisExpostVolatility", i32(len(x)), arr(x), arr(res))
-check(code == 0 and abs(res[0] - x.std(ddof=1)) <= 1e-13 * x.std(ddof=1), "ex-post volatility")
-for level, want in [(0.7, 0.0), (0.1, math.sqrt(1.734723475976807e-18))]:
-    code, status = call("ORXanalysisExpostVolatility", i32(5), arr(np.full(5, level)), arr(res))
-    check(code == status == 0 and res[0] == want, f"constant series {level}: {res[0]!r}")
-
+# Ex-post volatility against numpy (ddof = 1), 1e-13 for the one-pass formula;
+# on constant non-dyadic series its variance has either sign: negative is
+# floored to 0 (never NaN), positive stays (0.1 five times).
+x = rng.normal(0.001, 0.02, 500)
+for x, want in [(x, x.std(ddof=1)), (np.full(5, 0.7), 0.0),
+                (np.full(5, 0.1), math.sqrt(1.734723475976807e-18))]:
+    code, status = call("ORXanalysisExpostVolatility", i32(len(x)), arr(x), arr(res))
+    check(code == status == 0 and abs(res[0] - want) <= 1e-13 * want, f"ex-post {x[0]}: {res[0]!r}")
 # Ex ante figures read the full covariance, symmetric or not: w'Vw = 1.625
 # exactly on dyadic data (its upper triangle would give 1.875).
 V, w = matrix([[4.0, 3.0, 0.0], [1.0, 2.0, 0.5], [0.0, 0.5, 1.0]]), matrix([0.5, 0.25, -0.25])
@@ -82,13 +75,11 @@ for name, want in [("ORXmodelingReturns", (0, 0)), ("ORXmodelingLogReturns", (5,
 
 
 def modified_var(R, V, w, level):
-    """Cornish-Fisher VaR: variance of the portfolio series with the
-    single-precision 1/(T-1), skewness and kurtosis normalised by the given
-    V, single-precision small-sample factors and fractions."""
-    T, f, one = R.shape[0], f32(R.shape[0]), f32(1)
-    p = R @ w
+    """Cornish-Fisher VaR: series variance with the single-precision 1/(T-1),
+    skewness and kurtosis normalised by the given V, single-precision
+    small-sample factors and fractions."""
+    T, f, one, p, vv = R.shape[0], f32(R.shape[0]), f32(1), R @ w, w @ V @ w
     c = p - p.mean()
-    vv = w @ V @ w
     S = np.mean(c ** 3) / vv ** 1.5
     a = float((f32(T * (T - 2)) + f32(3)) * f / ((f - f32(2)) * (f - one) * (f - f32(3))))
     b = float((f - one) * f32(3) * (f32(2 * T) - f32(3)) / (f32(T * (T - 2)) * (f - f32(3))))

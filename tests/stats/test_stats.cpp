@@ -10,11 +10,10 @@
 using namespace lumbra::stats;
 using lumbra::testing::bitEqual;
 
-// Published values bit for bit (0.66291, the end of the central region,
-// still takes the central fit: the middle fit's upper area is one ulp
-// lower); elsewhere 0.5 erfc(-+x / sqrt 2) within a few ulps, and in the far
-// tail, where erfc loses digits, Mills-ratio areas to 50 digits, 1e-15.
-TEST(NormalCdf, RegionsAgainstErfcAndTheFarTail) {
+// Published values bit for bit; 0.66291, the end of the central region,
+// still takes the central fit (the middle fit's upper area is one ulp lower).
+// Elsewhere the quantile against scipy's checks it (test_stats_reference.py).
+TEST(NormalCdf, PublishedValuesAndRegionBoundary) {
   const double exact[][3] = {{0.0, 0.5, 0.5}, {1.0, 0.8413447460685429, 0.15865525393145705},
                              {-38.0, 0.0, 1.0}, {38.0, 1.0, 0.0},
                              {0.66291, 0x1.7e1bcea074aa2p-1, 0x1.03c862bf16abcp-2}};
@@ -22,21 +21,6 @@ TEST(NormalCdf, RegionsAgainstErfcAndTheFarTail) {
   for (const auto& c : exact) {
     normalCdf(c[0], cum, ccum);
     EXPECT_TRUE(bitEqual(c[1], cum) && bitEqual(c[2], ccum)) << "x = " << c[0];
-  }
-  for (double x : {-5.65, -4.0, -2.5, -0.66291, -1e-9, 1e-20, 0.66292, 1.3, 3.0, 5.6}) {
-    normalCdf(x, cum, ccum);
-    const double lower = 0.5 * std::erfc(-x / std::sqrt(2.0)), upper = 1.0 - lower;
-    EXPECT_NEAR(cum, lower, 5e-15 * lower) << "x = " << x;
-    EXPECT_NEAR(ccum, 0.5 * std::erfc(x / std::sqrt(2.0)), 5e-15 * upper) << "x = " << x;
-  }
-  const double tail[][2] = {{5.7, 5.9903714010635281878e-09}, {8.0, 6.2209605742717841235e-16},
-                            {12.0, 1.7764821120776789977e-33}, {30.0, 4.9067139271481870595e-198}};
-  for (const auto& c : tail) {
-    normalCdf(c[0], cum, ccum);
-    EXPECT_NEAR(ccum, c[1], 1e-15 * c[1]) << "x = " << c[0];
-    EXPECT_BITEQ(1.0 - ccum, cum);
-    normalCdf(-c[0], cum, ccum);
-    EXPECT_NEAR(cum, c[1], 1e-15 * c[1]) << "x = " << -c[0];
   }
 }
 
