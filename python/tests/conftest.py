@@ -1,23 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
 """Shared data of the package tests and direct calls of the exports."""
 import ctypes
-import pathlib
-import sys
 
 import numpy as np
 import pandas as pd
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
-
-from lumbra._library import library  # noqa: E402
+from lumbra._library import library  # the package from PYTHONPATH, as CTest sets it
 
 ASSETS = ["AAA", "BBB", "CCC", "DDD"]
 
 
 def raw(name, *args):
-    """Calls export `name` with ints as int* and anything else as a private
-    float64 copy; returns (code, status, the copies after the call)."""
+    """Export `name` on ints and private float64 copies: (code, status, copies)."""
     keep = [a if isinstance(a, int) else np.array(np.atleast_1d(a), float, order="C") for a in args]
     ptrs = [ctypes.byref(ctypes.c_int(a)) if isinstance(a, int) else
             a.ctypes.data_as(ctypes.POINTER(ctypes.c_double)) for a in keep]

@@ -15,25 +15,25 @@ import lumbra
 from lumbra import _errors
 
 HEADER = pathlib.Path(__file__).resolve().parents[2] / "include" / "lumbra.h"
-NUMBER = r"(?<![\w.+-])(-?\d+)(?!\w|\.\d)"
+NUMBER, RANGE = r"(?<![\w.+-])(-?\d+)(?!\w|\.\d)", r"(-?\d+)\s*\.\.\s*(-?\d+)"
+
+
+def big(v):
+    return v < 0 or v >= 1000  # small positive numbers are counts and return values
 
 
 def documented_statuses(text):
-    """Status values the header names: in a comment from its first "status"
-    on, ranges a..b, numbers below 0 or from 1000 up and a number right after
-    "status" (other small numbers are counts or return values); and the
-    values of the ORX_STATUS_ defines."""
+    """In each comment from its first "status" on: ranges a..b, numbers < 0 or
+    >= 1000, a number after "status"; and the ORX_STATUS_ defines."""
     found = set()
     for comment in re.findall(r"/\*(.*?)\*/", text, re.S):
         comment = re.sub(r"Return values.*?301\+[^.]*\.", " ", re.sub(r"\s*\*\s+", " ", comment),
                          flags=re.S)
         part = comment[re.search(r"\bstatus(es)?\b|$", comment, re.I).start():]
-        for lo, hi in re.findall(r"(-?\d+)\s*\.\.\s*(-?\d+)", part):
-            a, b = sorted((int(lo), int(hi)))
-            if (a < 0 or a >= 1000) and (b < 0 or b >= 1000):
-                found.update(range(a, b + 1))
-        part = re.sub(r"(-?\d+)\s*\.\.\s*(-?\d+)", " ", part)
-        found.update(v for v in map(int, re.findall(NUMBER, part)) if v < 0 or v >= 1000)
+        ranges = [sorted(map(int, r)) for r in re.findall(RANGE, part)]
+        found.update(v for a, b in ranges if big(a) and big(b) for v in range(a, b + 1))
+        part = re.sub(RANGE, " ", part)
+        found.update(v for v in map(int, re.findall(NUMBER, part)) if big(v))
         found.update(int(v) for v in re.findall(r"\bstatus(?:es)?:?\s+" + NUMBER, part, re.I))
     found.update(int(v) for v in
                  re.findall(r"^\s*#\s*define\s+ORX_STATUS_\w+\s+\(?\s*(-?\d+)\s*\)?", text, re.M))

@@ -9,9 +9,7 @@ import pytest
 
 
 def test_installed_package_finds_the_installed_library(tmp_path):
-    build = os.environ.get("LUMBRA_BUILD_DIR")
-    if not build:
-        pytest.skip("LUMBRA_BUILD_DIR (the build tree to install from) is not set")
+    build = os.environ.get("LUMBRA_BUILD_DIR") or pytest.skip("no LUMBRA_BUILD_DIR to install")
     subprocess.run(["cmake", "--install", build, "--prefix", str(tmp_path)], check=True,
                    capture_output=True)
     env = {k: v for k, v in os.environ.items() if k not in ("LUMBRA_LIBRARY", "PYTHONPATH")}

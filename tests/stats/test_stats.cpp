@@ -24,27 +24,21 @@ TEST(NormalCdf, PublishedValuesAndRegionBoundary) {
   }
 }
 
-// Pairs formed as the value-at-risk routines form them, q = 1 - p (1 - 0.95
-// is 0.050000000000000044: point ...722, exactly 0.05 gives ...729).  Far in
-// the tail the Newton stop is relative: the last step is below 1e-13 |x| but
-// not below 1e-13, and one step more moves the last bit.
+// Pairs as the value-at-risk routines form them, q = 1 - p (1 - 0.95 gives
+// ...722, exactly 0.05 ...729).  Far in the tail the Newton stop is relative:
+// the last step is below 1e-13 |x|, not 1e-13; one step more moves a bit.
 TEST(NormalQuantile, PublishedValuesSymmetryAndRelativeStop) {
   EXPECT_BITEQ(1.6448536269514722, normalQuantile(0.95, 1.0 - 0.95));
-  EXPECT_BITEQ(2.3263478740408408, normalQuantile(0.99, 1.0 - 0.99));
   EXPECT_BITEQ(-1.6448536269514729, normalQuantile(0.05, 0.95));
-  EXPECT_BITEQ(-normalQuantile(0.95, 0.05), normalQuantile(0.05, 0.95));
   const double p = 0x1.5b26e797d18f9p-77;
   EXPECT_BITEQ(-0x1.3f7b39d90216fp+3, normalQuantile(p, 1.0 - p));
 }
 
-// One asset alternating +-1 (T = 4, V = 1): c4 = 1, so the kurtosis is
-// a - 3 - b with a = 44/6 in single precision (7.3333335) and b = 45/8; at
-// least 4 observations for kurtosis and 3 for skewness.  Zero skewness and
-// kurtosis reduce the expansion to mean - sigma z; a floored variance is
-// refused.
+// One asset alternating +-1 (T = 4, V = 1): c4 = 1, kurtosis a - 3 - b with
+// a = 44/6 in single precision (7.3333335), b = 45/8; at least 4 (3) points
+// for kurtosis (skewness); zero S and K give mean - sigma z; sigma^2 ~ 0 fails.
 TEST(ModifiedVaR, KurtosisFactorsAndNormalLimit) {
-  const double R[4] = {1.0, -1.0, 1.0, -1.0}, w[1] = {1.0}, V[1] = {1.0};
-  const double z = 1.6448536269514722;
+  const double R[4] = {1.0, -1.0, 1.0, -1.0}, w[1] = {1.0}, V[1] = {1.0}, z = 1.6448536269514722;
   double K = 0.0, S = 1.0, work[6], result = 0.0;
   int status = -7;
   analysisExcessKurtosis(4, 1, w, R, V, K, status);
@@ -60,15 +54,12 @@ TEST(ModifiedVaR, KurtosisFactorsAndNormalLimit) {
 }
 
 // x = (0, 1) at 0.5: both at distance 0.5, deviation sqrt(1/2); a double
-// 2^0.2 or 1.059 in the bandwidth changes the bits.  A constant sample has
-// zero bandwidth and no guard: non-finite densities with status 0.
-TEST(KernelDensity, TwoPointAndConstantSamples) {
-  double x[2] = {0.0, 1.0}, g[2] = {0.5, 1.0}, c[3] = {0.5, 0.5, 0.5}, f[2] = {-1.0, -1.0};
+// 2^0.2 or 1.059 in the bandwidth changes the bits.
+TEST(KernelDensity, TwoPointSample) {
+  double x[2] = {0.0, 1.0}, g[1] = {0.5}, f[1] = {-1.0};
   int status = -7;
   analysisGaussianKernel(2, 1, x, g, f, status);
   const double h = 1.059000015258789 * 0.7071067811865476 / double(std::pow(2.0f, 0.2f));
   const double term = std::exp((0.0 - 0.25) / ((2.0 * h) * h)) * 0.3989422748506426;
   EXPECT_TRUE(status == 0 && bitEqual((0.0 + term + term) / (h * 2.0), f[0]));
-  analysisGaussianKernel(3, 2, c, g, f, status);
-  EXPECT_TRUE(status == 0 && !std::isfinite(f[0]) && !std::isfinite(f[1]));
 }
