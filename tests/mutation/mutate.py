@@ -97,6 +97,10 @@ LIST = [
      "normal CDF region boundary (<= to <)"),
     ("S14", "src/stats/normal.cpp", "if (std::fabs(dx / xn) < kNewtonTolerance)",
      "if (std::fabs(dx) < kNewtonTolerance)", "quantile Newton stop absolute, not relative"),
+    ("S15", "src/stats/expost.cpp", "result = kVarianceFloor > v ? 0.0 : std::sqrt(v);",
+     "result = std::sqrt(v);", "ex-post volatility without the variance floor"),
+    ("S16", "src/stats/covariance.cpp", "        status = kStatusDegenerateAsset;\n", "",
+     "constant asset without its warning (line deleted)"),
     # ---- qp
     ("Q01", "src/qp/steplength.cpp", "if (a <= best && a > 0.0) {", "if (a < best && a > 0.0) {",
      "ratio test: row ties go to the first row (tie-break reversed)"),
