@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Degenerate QP problems shared by the bit-exact corpus and the tolerance
-// checks: tied Hessian diagonals and linear terms, zero-width bounds,
-// repeated rows (the same row twice, a row scaled, a row that is the sum of
-// two bounds), a budget that the bounds pin down, and zero or rank-one
-// Hessians.  Small dyadic data, so every tie is exact.  Column-major,
-// constraints one per column, equalities first.
+// Degenerate QP problems of the bit-exact corpus and the tolerance checks:
+// tied Hessian diagonals and linear terms, zero-width bounds, repeated rows,
+// a budget the bounds pin down, zero or rank-one Hessians.  Small dyadic
+// data, so every tie is exact.  Column-major, one constraint per column.
 #pragma once
 #include <vector>
 
@@ -17,9 +15,8 @@ struct DegenerateQp {
 
 constexpr int kDegenerateCount = 48;
 
-// Problem k of the family (k = 0 .. kDegenerateCount - 1): 4 .. 9
-// variables; H a tied diagonal, zero, rank one, or tied plus rank one;
-// pinned: bounds that fix the budget exactly.
+// Problem k: 4 .. 9 variables; H a tied diagonal, zero, rank one, or tied
+// plus rank one; pinned: bounds that fix the budget exactly.
 inline DegenerateQp degenerateProblem(int k) {
   DegenerateQp p;
   const int n = 4 + k % 6, hessian = (k / 6) % 4;
@@ -36,13 +33,11 @@ inline DegenerateQp degenerateProblem(int k) {
     }
   for (int i = 0; i < n; ++i) p.c[i] = i % 3 == 0 ? -0.5 : -0.25;  // ties
   p.lower.assign(n, 0.0), p.upper.assign(n, 0.5);
-  p.upper[1] = 0.0;                 // zero-width at 0
-  p.lower[2] = p.upper[2] = 0.125;  // zero-width inside
+  p.upper[1] = 0.0, p.lower[2] = p.upper[2] = 0.125;  // zero-width at 0 and inside
   if (pinned)
     for (int i = 3; i < n; ++i) p.upper[i] = 0.125;  // sum of the upper bounds is exact
-  // The budget twice (a repeated equality); a cap on x0 + x3, the same cap
-  // again, scaled by 2, x0 - x1 <= u0 (the sum of two bounds), and for odd
-  // k a tied return row mu'x >= target.
+  // The budget twice; a cap on x0 + x3, again, scaled by 2; x0 - x1 <= u0
+  // (the sum of two bounds); for odd k a tied return row mu'x >= target.
   for (int j = 0; j < 2; ++j) {
     for (int i = 0; i < n; ++i) C(i, j) = 1.0;
     p.d[j] = pinned ? 0.5 + 0.125 + 0.125 * (n - 3) : 1.0;

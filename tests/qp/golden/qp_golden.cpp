@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bit-exact regression corpus of the QP solver and the three allocators:
-// seeded random problems (n 2 to 300; every kind of row, bound and Hessian,
-// infeasible and inconsistent ones, the bench_qp problem), then exactly
-// degenerate and tied ones.  Each outcome (statuses, passes, x, multipliers,
-// objective in %a: every bit and zero sign counts) is one text record,
-// hashed by FNV-1a.  `--digest FILE` writes the digests, `--dump` the
-// texts, `--check FILE` compares; the digests hold for the reference BLAS,
-// so --check exits 77 (skipped) when an optimised BLAS is mapped.
+// Bit-exact regression corpus of the QP solver and the allocators: seeded
+// random problems of every kind (n 2 to 300), then degenerate and tied ones;
+// each outcome in %a (every bit and zero sign counts) is a text record with
+// an FNV-1a digest.  --digest FILE writes them, --dump the texts, --check
+// FILE compares (on the reference BLAS: 77, skipped, under an optimised one).
 #include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
@@ -46,21 +43,16 @@ struct Rng {
 constexpr double kAbsent = 1e300;  // beyond sqrt(overflow): the bound does not exist
 using Qp = lumbra::testing::DegenerateQp;  // solver form, column-major, C with leading dimension n
 
-// Appends one printf-formatted line to a record.
+// Appends one printf-formatted line, or "tag v0 v1 ..." in %a, to a record.
 __attribute__((format(printf, 2, 3))) void line(std::string& t, const char* fmt, ...) {
   char buf[256];
   va_list ap;
-  va_start(ap, fmt);
-  std::vsnprintf(buf, sizeof buf, fmt, ap);
-  va_end(ap);
-  t += buf;
-  t += '\n';
+  va_start(ap, fmt), std::vsnprintf(buf, sizeof buf, fmt, ap), va_end(ap);
+  t += buf, t += '\n';
 }
-
-// Appends "tag v0 v1 ..." with every value in %a.
 void values(std::string& t, const char* tag, const double* v, long k) {
-  t += tag;
   char buf[48];
+  t += tag;
   for (long i = 0; i < k; ++i) std::snprintf(buf, sizeof buf, " %a", v[i]), t += buf;
   t += '\n';
 }
@@ -69,8 +61,8 @@ void values(std::string& t, const char* tag, const double* v, long k) {
 // indefinite, or diagonal with some zeros: kind 0 .. 4.
 void fillHessian(Qp& p, Rng& r, int kind) {
   const int n = p.n;
-  p.H.assign(static_cast<size_t>(n) * n, 0.0);
-  auto H = [&p, n](int i, int j) -> double& { return p.H[i + static_cast<size_t>(j) * n]; };
+  p.H.assign(size_t(n) * n, 0.0);
+  auto H = [&p, n](int i, int j) -> double& { return p.H[i + size_t(j) * n]; };
   if (kind == 4)
     for (int i = 0; i < n; ++i) H(i, i) = r.chance(0.2) ? 0.0 : r.range(0.1, 2.0);
   if (kind == 3)
@@ -148,7 +140,7 @@ Qp benchProblem(int n) {
   constexpr int kFactors = 10;
   std::mt19937_64 rng(1000 + n);
   auto uniform = [&rng]() { return static_cast<double>(rng() >> 11) * 0x1.0p-53; };
-  Vec B(static_cast<size_t>(n) * kFactors), mu(n);
+  Vec B(static_cast<size_t>(n) * kFactors), mu(n), sorted;
   for (double& b : B) b = 0.2 * uniform() - 0.1;
   Qp p;
   p.n = n, p.me = p.mi = 1, p.H.assign(static_cast<size_t>(n) * n, 0.0);
@@ -160,7 +152,7 @@ Qp benchProblem(int n) {
     }
   for (double& m : mu) m = 0.01 + 0.1 * uniform();
   const double cap = 5.0 / n;
-  Vec sorted = mu;
+  sorted = mu;
   std::sort(sorted.begin(), sorted.end(), [](double a, double b) { return a > b; });
   double best = 0.0, left = 1.0, mean = 0.0;
   for (double m : sorted) {
@@ -182,8 +174,8 @@ std::string solveRecord(const std::string& name, const Qp& p) {
   const int n = p.n, me = p.me, mi = p.mi, m = me + mi;
   const size_t nn = static_cast<size_t>(n) * n;
   line(t, "problem %s n=%d me=%d mi=%d", name.c_str(), n, me, mi);
-  Vec C = p.C, d = p.d;  // one spare place, so that no rows still give valid pointers
-  C.resize(static_cast<size_t>(n) * m + 1), d.resize(m + 1);
+  Vec C = p.C, d = p.d;
+  C.resize(static_cast<size_t>(n) * m + 1), d.resize(m + 1);  // no rows: still valid pointers
   {
     Vec H = p.H, c = p.c, Cw = C, dw = d, lo = p.lower, up = p.upper, mult(n + m, 0.0), x(n, 0.0);
     Vec work(nn + n + lumbra::qp::kMainWork(n, mi));
@@ -199,8 +191,7 @@ std::string solveRecord(const std::string& name, const Qp& p) {
   }
   if (n < 2) return t;  // then the main iteration as the driver runs it
   Vec Q = p.H, G(nn + n, 0.0), w(lumbra::qp::kMainWork(n, mi)), x(n, 0.0);
-  for (int j = 0; j < n; ++j)
-    for (int i = j; i < n; ++i) G[i + j * size_t(n)] = p.H[i + j * size_t(n)];
+  for (int j = 0; j < n; ++j) std::copy_n(&p.H[j + j * size_t(n)], n - j, &G[j + j * size_t(n)]);
   std::vector<int> IRE(n + mi + 1), list(n + me + mi + 1), ipvt(n + 3);
   int want = 1, kact = 0, kcur = 0, status = 0, iters = 2500;
   lumbra::qp::OPTR03(C.data(), n, Q.data(), n, G.data(), n, p.c.data(), d.data(), p.lower.data(),
@@ -215,8 +206,7 @@ std::string solveRecord(const std::string& name, const Qp& p) {
   return t;
 }
 
-// Row-major allocator data: covariance, returns, rows, bounds, the scalars.
-struct Alloc {
+struct Alloc {  // row-major allocator data
   int n = 0, nEq = 0, nIneq = 0;
   Vec cov, mu, cons, rhs, lower, upper, q;
   double target = 0, benchReturn = 0, excess = 0, riskFree = 0;
@@ -237,8 +227,7 @@ Alloc randomAlloc(Rng& r, int n) {
       if (i == j && !singular) s += r.range(1e-4, 4e-3);
       a.cov[i * size_t(n) + j] = a.cov[j * size_t(n) + i] = s;
     }
-  a.mu.resize(n);
-  for (double& m : a.mu) m = r.range(-0.002, 0.01);
+  for (int i = 0; i < n; ++i) a.mu.push_back(r.range(-0.002, 0.01));
   const int sectors = r.chance(0.5) ? std::min(n, 1 + r.below(5)) : 0;
   a.nEq = r.chance(0.8) ? 1 : 0, a.nIneq = sectors;
   const int m = a.nEq + a.nIneq;
@@ -332,25 +321,19 @@ std::string allocRecord(const std::string& name, const Alloc& a) {
   return t;
 }
 
-// The corpus, record name and text, in a fixed order (new families are
-// appended, so that the records before them keep their digests).
+// The records, name and text, in a fixed order (new families go at the end).
 std::vector<std::pair<std::string, std::string>> corpus() {
   std::vector<std::pair<std::string, std::string>> out;
   auto add = [&out](const std::string& name, const std::string& text) { out.emplace_back(name, text); };
   Rng r{20240611};
   for (int k = 0; k < 360; ++k) {  // mostly small, a tail up to 300 variables
     const int sk = r.below(40);
-    const int n = sk < 24 ? 2 + r.below(9) : sk < 34 ? 11 + r.below(40) : sk < 38 ? 51 + r.below(100)
-                                                                           : 151 + r.below(150);
-    const Qp p = randomProblem(r, n);
-    add("qp" + std::to_string(k), solveRecord("qp" + std::to_string(k), p));
+    const int n = sk < 24 ? 2 + r.below(9) : sk < 34 ? 11 + r.below(40) : sk < 38 ? 51 + r.below(100) : 151 + r.below(150);
+    add("qp" + std::to_string(k), solveRecord("qp" + std::to_string(k), randomProblem(r, n)));
   }
   for (int k = 0; k < 12; ++k) {  // one variable, through the scalar path of the driver
     Qp p;
-    p.n = 1;
-    p.H = {k % 3 == 0 ? 0.0 : r.range(0.0, 2.0)};
-    p.c = {r.range(-1.0, 1.0)};
-    p.me = k % 4 == 1 ? 1 : 0, p.mi = k % 2;
+    p.n = 1, p.H = {k % 3 == 0 ? 0.0 : r.range(0.0, 2.0)}, p.c = {r.range(-1.0, 1.0)}, p.me = k % 4 == 1, p.mi = k % 2;
     for (int j = 0; j < p.me + p.mi; ++j) p.C.push_back(r.range(-1.0, 1.0)), p.d.push_back(r.range(-1.0, 1.0));
     p.lower = {-1.0}, p.upper = {k % 5 == 0 ? -1.0 : 1.0};
     add("scalar" + std::to_string(k), solveRecord("scalar" + std::to_string(k), p));
