@@ -1,10 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """The three allocators against cvxopt's interior-point QP on random long-only
-and long-short universes (budget, sector caps and floors, bounds, a fixed
-holding), then on exactly tied data.  A returned portfolio meets every
-constraint to 1e-9, its objective is no worse than cvxopt's (relative 1e-8:
-cvxopt stops at its own tolerance) and, the optimum being unique, its weights
-agree with cvxopt's to 1e-7 (cvxopt's accuracy)."""
+and long-short universes, then on exactly tied data: a returned portfolio meets
+every constraint to 1e-9, its objective is no worse than cvxopt's (relative
+1e-8: cvxopt's own tolerance), its weights agree to 1e-7 (the optimum is
+unique; the slack is cvxopt's accuracy)."""
 import os
 import sys
 
@@ -24,8 +23,7 @@ def call_alloc(name, cov, mu, A, b, G, h, lo, up, scalar, pre=(np.zeros(1),), st
     """One export on rows A w = b, G w <= h; pre = (q, benchReturn) for tracking."""
     n, m = len(mu), len(b) + len(h)
     keep = [lc.matrix(a) for a in (cov, mu, np.vstack([A, G]).T if m else np.zeros((n, 1)),
-                                   np.concatenate([b, h]) if m else np.zeros(1), lo, up)]
-    keep += [lc.matrix(pre[0]), np.zeros(n)]
+                                   np.concatenate([b, h]) if m else np.zeros(1), lo, up, pre[0], np.zeros(n))]
     code, status = lc.call(name, lc.i32(n), lc.arr(keep[0]), lc.arr(keep[1]),
                            *([lc.arr(keep[6]), lc.f64(pre[1])] if len(pre) > 1 else []),
                            lc.i32(len(b)), lc.i32(len(h)), lc.arr(keep[2]), lc.arr(keep[3]),
@@ -38,8 +36,8 @@ def call_alloc(name, cov, mu, A, b, G, h, lo, up, scalar, pre=(np.zeros(1),), st
 def cvx_qp(P, q, A, b, G, h, lo, up, strict=True):
     # Fixed variables become equalities (an interior point method needs a
     # strictly feasible interior); infinite bounds are left out.
-    n, free = P.shape[0], lo != up
-    I, bnd = np.eye(n), free & np.isfinite(lo)
+    n, free, I = P.shape[0], lo != up, np.eye(P.shape[0])
+    bnd = free & np.isfinite(lo)
     sol = solvers.qp(cvx(P), cvx(q), cvx(np.vstack([G, -I[bnd], I[bnd]])),
                      cvx(np.concatenate([h, -lo[bnd], up[bnd]])), cvx(np.vstack([A, I[~free]])),
                      cvx(np.concatenate([b, lo[~free]])))

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <map>
@@ -140,7 +139,7 @@ Qp benchProblem(int n) {
   constexpr int kFactors = 10;
   std::mt19937_64 rng(1000 + n);
   auto uniform = [&rng]() { return static_cast<double>(rng() >> 11) * 0x1.0p-53; };
-  Vec B(static_cast<size_t>(n) * kFactors), mu(n), sorted;
+  Vec B(static_cast<size_t>(n) * kFactors), mu(n);
   for (double& b : B) b = 0.2 * uniform() - 0.1;
   Qp p;
   p.n = n, p.me = p.mi = 1, p.H.assign(static_cast<size_t>(n) * n, 0.0);
@@ -152,13 +151,10 @@ Qp benchProblem(int n) {
     }
   for (double& m : mu) m = 0.01 + 0.1 * uniform();
   const double cap = 5.0 / n;
-  sorted = mu;
+  Vec sorted = mu;
   std::sort(sorted.begin(), sorted.end(), [](double a, double b) { return a > b; });
   double best = 0.0, left = 1.0, mean = 0.0;
-  for (double m : sorted) {
-    const double take = std::min(cap, left);
-    best += take * m, left -= take;
-  }
+  for (double m : sorted) best += std::min(cap, left) * m, left -= std::min(cap, left);
   for (double m : mu) mean += m;
   mean /= n;
   p.c.assign(n, 0.0), p.C.assign(2 * static_cast<size_t>(n), 1.0);
@@ -393,11 +389,10 @@ int main(int argc, char** argv) {
   for (std::string name, h; in >> name >> h;) expected[name] = h;
   int passed = 0, failed = 0;
   for (const auto& [name, text] : records) {
-    const auto it = expected.find(name);
-    const std::string got = digest(text), want = it == expected.end() ? "(none)" : it->second;
+    const std::string got = digest(text), want = expected.count(name) ? expected[name] : "(none)";
     if (want == got) ++passed;
     else ++failed, std::printf("MISMATCH %s: expected %s, got %s\n", name.c_str(), want.c_str(), got.c_str());
-    if (it != expected.end()) expected.erase(it);
+    expected.erase(name);
   }
   for (const auto& left : expected) ++failed, std::printf("MISSING %s\n", left.first.c_str());
   std::printf("%d passed, %d failed\n", passed, failed);
