@@ -126,7 +126,9 @@ double kktResidual(const Problem& p, double tol) {
       for (int i = 0; i < n; ++i) r[i] += (next - lambda[q]) * a[i];
       lambda[q] = next;
     }
-  return std::fabs(*std::max_element(r.begin(), r.end(), [](double a, double b) { return std::fabs(a) < std::fabs(b); }));
+  double worst = 0.0;
+  for (double v : r) worst = std::fmax(worst, std::fabs(v));
+  return worst;
 }
 
 // The corpus's degenerate problems on any BLAS: status 0 or "no feasible

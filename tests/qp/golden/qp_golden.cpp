@@ -29,8 +29,7 @@ struct Rng {
   std::uint64_t s;
   std::uint64_t next() {
     std::uint64_t z = (s += 0x9e3779b97f4a7c15ULL);
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL, z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
     return z ^ (z >> 31);
   }
   double uniform() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }  // [0, 1)
@@ -88,8 +87,7 @@ Qp randomProblem(Rng& r, int n) {
   p.n = n;
   const int hk = r.below(10);
   fillHessian(p, r, hk < 5 ? 0 : hk < 7 ? 1 : hk < 8 ? 2 : hk < 9 ? 3 : 4);
-  p.c.resize(n);
-  for (double& v : p.c) v = r.chance(0.1) ? 0.0 : r.range(-1.0, 1.0);
+  for (int i = 0; i < n; ++i) p.c.push_back(r.chance(0.1) ? 0.0 : r.range(-1.0, 1.0));
   // bounds: box, long-only, fixed, absent on one or both sides
   p.lower.resize(n), p.upper.resize(n);
   const int bk = r.below(4);
@@ -102,8 +100,7 @@ Qp randomProblem(Rng& r, int n) {
     if (bk == 3 && r.chance(0.2)) lo = -kAbsent;  // absent lower bound
     if (bk == 3 && r.chance(0.2)) up = kAbsent;   // absent upper bound
     p.lower[i] = lo, p.upper[i] = up;
-    const double a = lo < -1e10 ? (up > 1e10 ? -1.0 : up - 1.0) : lo;
-    const double b = up > 1e10 ? a + 2.0 : up;
+    const double a = lo < -1e10 ? (up > 1e10 ? -1.0 : up - 1.0) : lo, b = up > 1e10 ? a + 2.0 : up;
     x0[i] = a == b ? a : r.range(a, b);
     if (r.chance(0.3)) x0[i] = r.chance(0.5) ? a : b;  // on a bound: degenerate starts
   }
@@ -233,8 +230,7 @@ Alloc randomAlloc(Rng& r, int n) {
     for (int i = s; i < n; i += sectors) a.cons[i * size_t(m) + a.nEq + s] = 1.0;
     a.rhs[a.nEq + s] = r.range(0.2, 0.9);
   }
-  a.lower.assign(n, r.chance(0.7) ? 0.0 : -0.2);
-  a.upper.assign(n, r.chance(0.5) ? 1.0 : std::max(0.3, 2.0 / n));
+  a.lower.assign(n, r.chance(0.7) ? 0.0 : -0.2), a.upper.assign(n, r.chance(0.5) ? 1.0 : std::max(0.3, 2.0 / n));
   if (r.chance(0.1)) a.lower[0] = a.upper[0];  // one fixed weight
   double mean = 0.0, top = -1e9;
   for (double m : a.mu) mean += m, top = std::max(top, m);
@@ -324,12 +320,15 @@ std::vector<std::pair<std::string, std::string>> corpus() {
   Rng r{20240611};
   for (int k = 0; k < 360; ++k) {  // mostly small, a tail up to 300 variables
     const int sk = r.below(40);
-    const int n = sk < 24 ? 2 + r.below(9) : sk < 34 ? 11 + r.below(40) : sk < 38 ? 51 + r.below(100) : 151 + r.below(150);
+    const int n = sk < 24   ? 2 + r.below(9)
+                  : sk < 34 ? 11 + r.below(40)
+                  : sk < 38 ? 51 + r.below(100) : 151 + r.below(150);
     add("qp" + std::to_string(k), solveRecord("qp" + std::to_string(k), randomProblem(r, n)));
   }
   for (int k = 0; k < 12; ++k) {  // one variable, through the scalar path of the driver
     Qp p;
-    p.n = 1, p.H = {k % 3 == 0 ? 0.0 : r.range(0.0, 2.0)}, p.c = {r.range(-1.0, 1.0)}, p.me = k % 4 == 1, p.mi = k % 2;
+    p.n = 1, p.H = {k % 3 == 0 ? 0.0 : r.range(0.0, 2.0)}, p.c = {r.range(-1.0, 1.0)};
+    p.me = k % 4 == 1, p.mi = k % 2;
     for (int j = 0; j < p.me + p.mi; ++j) p.C.push_back(r.range(-1.0, 1.0)), p.d.push_back(r.range(-1.0, 1.0));
     p.lower = {-1.0}, p.upper = {k % 5 == 0 ? -1.0 : 1.0};
     add("scalar" + std::to_string(k), solveRecord("scalar" + std::to_string(k), p));
@@ -342,7 +341,8 @@ std::vector<std::pair<std::string, std::string>> corpus() {
   for (int k = 0; k < lumbra::testing::kDegenerateCount; ++k)
     add("degenerate" + std::to_string(k), solveRecord("degenerate" + std::to_string(k),
                                                        lumbra::testing::degenerateProblem(k)));
-  for (int k = 0; k < 4; ++k) add("tied" + std::to_string(k), allocRecord("tied" + std::to_string(k), tiedAlloc(k)));
+  for (int k = 0; k < 4; ++k)
+    add("tied" + std::to_string(k), allocRecord("tied" + std::to_string(k), tiedAlloc(k)));
   return out;
 }
 
