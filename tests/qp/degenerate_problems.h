@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Degenerate QP problems shared by the bit-exact corpus and the tolerance
-// checks: tied Hessian diagonals and linear terms, zero-width bounds,
-// repeated rows (the same row twice, a row scaled, a row that is the sum of
-// two bounds), a budget that the bounds pin down, and zero or rank-one
-// Hessians.  All data are small dyadic numbers, so every tie is exact.
-// Column-major, constraints one per column, equalities first.
+// Degenerate QP problems of the bit-exact corpus and the tolerance checks:
+// tied Hessian diagonals and linear terms, zero-width bounds, repeated rows,
+// a budget the bounds pin down, zero or rank-one Hessians.  Small dyadic
+// data, so every tie is exact.  Column-major, one constraint per column.
 #pragma once
 #include <vector>
 
@@ -15,39 +13,31 @@ struct DegenerateQp {
   std::vector<double> H, c, C, d, lower, upper;
 };
 
-// Problem k of the family (k = 0 .. kDegenerateCount - 1).
 constexpr int kDegenerateCount = 48;
 
+// Problem k: 4 .. 9 variables; H a tied diagonal, zero, rank one, or tied
+// plus rank one; pinned: bounds that fix the budget exactly.
 inline DegenerateQp degenerateProblem(int k) {
   DegenerateQp p;
-  const int n = 4 + k % 6;  // 4 .. 9 variables
-  const int hessian = (k / 6) % 4;  // tied diagonal, zero, rank one, tied plus rank one
-  const bool pinned = (k / 24) % 2 == 1;  // bounds that fix the budget exactly
-  p.n = n;
-  p.H.assign(n * n, 0.0);
+  const int n = 4 + k % 6, hessian = (k / 6) % 4;
+  const bool pinned = (k / 24) % 2 == 1;
+  p.n = n, p.me = 2, p.mi = 4 + k % 2;
+  const int m = p.me + p.mi;
+  p.H.assign(n * n, 0.0), p.c.resize(n), p.C.assign(n * m, 0.0), p.d.assign(m, 0.0);
   auto H = [&p, n](int i, int j) -> double& { return p.H[i + j * n]; };
+  auto C = [&p, n](int i, int j) -> double& { return p.C[i + j * n]; };
   for (int i = 0; i < n; ++i)
     for (int j = 0; j < n; ++j) {
       if ((hessian == 0 || hessian == 3) && i == j) H(i, j) += i % 2 == 0 ? 0.25 : 0.125;
       if (hessian >= 2) H(i, j) += 0.0625;
     }
-  p.c.resize(n);
   for (int i = 0; i < n; ++i) p.c[i] = i % 3 == 0 ? -0.5 : -0.25;  // ties
-  p.lower.assign(n, 0.0);
-  p.upper.assign(n, 0.5);
-  p.upper[1] = 0.0;  // zero-width at 0
-  p.lower[2] = p.upper[2] = 0.125;  // zero-width inside
+  p.lower.assign(n, 0.0), p.upper.assign(n, 0.5);
+  p.upper[1] = 0.0, p.lower[2] = p.upper[2] = 0.125;  // zero-width at 0 and inside
   if (pinned)
     for (int i = 3; i < n; ++i) p.upper[i] = 0.125;  // sum of the upper bounds is exact
-  // Columns: the budget, twice (a repeated equality); then inequalities: a
-  // cap on x0 + x3, the same cap again, the cap scaled by 2, x0 - x1 <=
-  // u0 (the sum of the bounds of x0 and -x1), and a tied return row.
-  p.me = 2;
-  p.mi = 4 + (k % 2);
-  const int m = p.me + p.mi;
-  p.C.assign(n * m, 0.0);
-  p.d.assign(m, 0.0);
-  auto C = [&p, n](int i, int j) -> double& { return p.C[i + j * n]; };
+  // The budget twice; a cap on x0 + x3, again, scaled by 2; x0 - x1 <= u0
+  // (the sum of two bounds); for odd k a tied return row mu'x >= target.
   for (int j = 0; j < 2; ++j) {
     for (int i = 0; i < n; ++i) C(i, j) = 1.0;
     p.d[j] = pinned ? 0.5 + 0.125 + 0.125 * (n - 3) : 1.0;
@@ -58,7 +48,7 @@ inline DegenerateQp degenerateProblem(int k) {
   C(0, 4) = C(3, 4) = 2.0, p.d[4] = 2.0 * cap;
   C(0, 5) = 1.0, C(1, 5) = -1.0, p.d[5] = 0.5;
   if (p.mi == 5) {
-    for (int i = 0; i < n; ++i) C(i, 6) = -(i % 2 == 0 ? 0.125 : 0.0625);  // mu' x >= target
+    for (int i = 0; i < n; ++i) C(i, 6) = -(i % 2 == 0 ? 0.125 : 0.0625);
     p.d[6] = -0.0625;
   }
   return p;

@@ -1,31 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bit-exact regression corpus of the QP solver and the three allocators.
-//
-// Generates a fixed family of problems from a seeded generator (n from 2 to
-// 300; equalities, inequalities, bounds, fixed and absent bounds, dependent
-// and inconsistent rows, degenerate vertices, infeasible sets, zero,
-// semi-definite and indefinite Hessians, and the long-only mean-variance
-// problem of bench_qp), then exactly degenerate ones (tied data, zero-width
-// bounds, repeated and scaled rows, pinned budgets; allocator problems on
-// tied data), solves each one and renders the outcome as text:
-// status, passes of the main loop, x, the multipliers and the objective in
-// hexadecimal (%a), so that every bit and the sign of every zero counts.
-//
-//   lumbra_qp_golden --dump [--full]          full text of every record
-//   lumbra_qp_golden --digest FILE [--full]   one 64-bit FNV-1a hash per record
-//   lumbra_qp_golden --check FILE             compare with a digest file
-//
-// --full adds the n = 500 bench problem (about half a second).  The digests
-// hold for the reference BLAS: another BLAS (OpenBLAS picks kernels per CPU)
-// may legitimately differ in the last bits, so --check exits 77 (skipped)
-// when the process has an OpenBLAS or other optimised BLAS mapped.
+// Bit-exact regression corpus of the QP solver and the allocators: seeded
+// random problems of every kind (n 2 to 300), then degenerate and tied ones;
+// each outcome in %a (every bit and zero sign counts) is a text record with
+// an FNV-1a digest.  --digest FILE writes them, --dump the texts, --check
+// FILE compares (on the reference BLAS: 77, skipped, under an optimised one).
 #include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -46,8 +29,7 @@ struct Rng {
   std::uint64_t s;
   std::uint64_t next() {
     std::uint64_t z = (s += 0x9e3779b97f4a7c15ULL);
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL, z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
     return z ^ (z >> 31);
   }
   double uniform() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }  // [0, 1)
@@ -57,70 +39,44 @@ struct Rng {
 };
 
 constexpr double kAbsent = 1e300;  // beyond sqrt(overflow): the bound does not exist
+using Qp = lumbra::testing::DegenerateQp;  // solver form, column-major, C with leading dimension n
 
-// A problem in solver form, column-major, C with leading dimension n.
-struct Qp {
-  int n = 0, me = 0, mi = 0;
-  Vec H, c, C, d, lower, upper;
-};
-
-// Appends one printf-formatted line to a record.
+// Appends one printf-formatted line, or "tag v0 v1 ..." in %a, to a record.
 __attribute__((format(printf, 2, 3))) void line(std::string& t, const char* fmt, ...) {
   char buf[256];
   va_list ap;
-  va_start(ap, fmt);
-  std::vsnprintf(buf, sizeof buf, fmt, ap);
-  va_end(ap);
-  t += buf;
-  t += '\n';
+  va_start(ap, fmt), std::vsnprintf(buf, sizeof buf, fmt, ap), va_end(ap);
+  t += buf, t += '\n';
 }
-
-// Appends "tag v0 v1 ..." with every value in %a.
 void values(std::string& t, const char* tag, const double* v, long k) {
-  t += tag;
   char buf[48];
-  for (long i = 0; i < k; ++i) {
-    std::snprintf(buf, sizeof buf, " %a", v[i]);
-    t += buf;
-  }
+  t += tag;
+  for (long i = 0; i < k; ++i) std::snprintf(buf, sizeof buf, " %a", v[i]), t += buf;
   t += '\n';
 }
 
-std::uint64_t fnv1a(const std::string& s) {
-  std::uint64_t h = 0xcbf29ce484222325ULL;
-  for (unsigned char ch : s) h = (h ^ ch) * 0x100000001b3ULL;  // FNV-1a
-  return h;
-}
-
-// H = B B' / k + diag(delta) (rank k plus delta), or low rank, zero,
-// indefinite or diagonal with some zeros.
-enum class Hess { Definite, LowRank, Zero, Indefinite, Diagonal };
-
-void fillHessian(Qp& p, Rng& r, Hess kind) {
+// H = B B' / k + diag(delta) (definite), B B' / k (low rank), zero,
+// indefinite, or diagonal with some zeros: kind 0 .. 4.
+void fillHessian(Qp& p, Rng& r, int kind) {
   const int n = p.n;
-  p.H.assign(static_cast<size_t>(n) * n, 0.0);
-  auto H = [&p, n](int i, int j) -> double& { return p.H[i + static_cast<size_t>(j) * n]; };
-  if (kind == Hess::Zero) return;
-  if (kind == Hess::Diagonal) {
+  p.H.assign(size_t(n) * n, 0.0);
+  auto H = [&p, n](int i, int j) -> double& { return p.H[i + size_t(j) * n]; };
+  if (kind == 4)
     for (int i = 0; i < n; ++i) H(i, i) = r.chance(0.2) ? 0.0 : r.range(0.1, 2.0);
-    return;
-  }
-  if (kind == Hess::Indefinite) {
+  if (kind == 3)
     for (int j = 0; j < n; ++j)
       for (int i = j; i < n; ++i) H(i, j) = H(j, i) = r.range(-1.0, 1.0);
-    return;
-  }
-  const int k = kind == Hess::LowRank ? 1 + r.below(std::max(1, n / 3)) : 1 + r.below(12);
+  if (kind >= 2) return;
+  const int k = kind == 1 ? 1 + r.below(std::max(1, n / 3)) : 1 + r.below(12);
   Vec B(static_cast<size_t>(n) * k);
   for (double& b : B) b = r.range(-1.0, 1.0);
-  const double delta = kind == Hess::LowRank ? 0.0 : r.range(0.001, 0.5);
+  const double delta = kind == 1 ? 0.0 : r.range(0.001, 0.5);
   for (int j = 0; j < n; ++j)
     for (int i = j; i < n; ++i) {
       double s = 0.0;
-      for (int q = 0; q < k; ++q) s += B[i + static_cast<size_t>(q) * n] * B[j + static_cast<size_t>(q) * n];
+      for (int q = 0; q < k; ++q) s += B[i + size_t(q) * n] * B[j + size_t(q) * n];
       s /= k;
-      if (i == j) s += delta;
-      H(i, j) = H(j, i) = s;
+      H(i, j) = H(j, i) = i == j ? s + delta : s;
     }
 }
 
@@ -130,28 +86,21 @@ Qp randomProblem(Rng& r, int n) {
   Qp p;
   p.n = n;
   const int hk = r.below(10);
-  fillHessian(p, r, hk < 5 ? Hess::Definite : hk < 7 ? Hess::LowRank : hk < 8 ? Hess::Zero
-                    : hk < 9 ? Hess::Indefinite : Hess::Diagonal);
-  p.c.resize(n);
-  for (double& v : p.c) v = r.chance(0.1) ? 0.0 : r.range(-1.0, 1.0);
+  fillHessian(p, r, hk < 5 ? 0 : hk < 7 ? 1 : hk < 8 ? 2 : hk < 9 ? 3 : 4);
+  for (int i = 0; i < n; ++i) p.c.push_back(r.chance(0.1) ? 0.0 : r.range(-1.0, 1.0));
   // bounds: box, long-only, fixed, absent on one or both sides
   p.lower.resize(n), p.upper.resize(n);
   const int bk = r.below(4);
   Vec x0(n);
   for (int i = 0; i < n; ++i) {
     double lo = bk == 1 ? -1.0 : 0.0, up = 1.0;
-    if (bk == 0) {
-      up = r.chance(0.5) ? 1.0 : r.range(0.05, 1.0);
-    } else if (bk > 1) {
-      lo = r.range(-2.0, 0.5);
-      up = lo + r.range(0.0, 2.0);
-    }
+    if (bk == 0) up = r.chance(0.5) ? 1.0 : r.range(0.05, 1.0);
+    if (bk > 1) lo = r.range(-2.0, 0.5), up = lo + r.range(0.0, 2.0);
     if (r.chance(0.05)) up = lo;                  // fixed variable
     if (bk == 3 && r.chance(0.2)) lo = -kAbsent;  // absent lower bound
     if (bk == 3 && r.chance(0.2)) up = kAbsent;   // absent upper bound
     p.lower[i] = lo, p.upper[i] = up;
-    const double a = lo < -1e10 ? (up > 1e10 ? -1.0 : up - 1.0) : lo;
-    const double b = up > 1e10 ? a + 2.0 : up;
+    const double a = lo < -1e10 ? (up > 1e10 ? -1.0 : up - 1.0) : lo, b = up > 1e10 ? a + 2.0 : up;
     x0[i] = a == b ? a : r.range(a, b);
     if (r.chance(0.3)) x0[i] = r.chance(0.5) ? a : b;  // on a bound: degenerate starts
   }
@@ -190,8 +139,7 @@ Qp benchProblem(int n) {
   Vec B(static_cast<size_t>(n) * kFactors), mu(n);
   for (double& b : B) b = 0.2 * uniform() - 0.1;
   Qp p;
-  p.n = n, p.me = p.mi = 1;
-  p.H.assign(static_cast<size_t>(n) * n, 0.0);
+  p.n = n, p.me = p.mi = 1, p.H.assign(static_cast<size_t>(n) * n, 0.0);
   for (int j = 0; j < n; ++j)
     for (int i = 0; i < n; ++i) {
       double s = 0.0;
@@ -201,20 +149,14 @@ Qp benchProblem(int n) {
   for (double& m : mu) m = 0.01 + 0.1 * uniform();
   const double cap = 5.0 / n;
   Vec sorted = mu;
-  std::sort(sorted.begin(), sorted.end(), std::greater<double>());
+  std::sort(sorted.begin(), sorted.end(), [](double a, double b) { return a > b; });
   double best = 0.0, left = 1.0, mean = 0.0;
-  for (double m : sorted) {
-    const double take = std::min(cap, left);
-    best += take * m;
-    left -= take;
-  }
+  for (double m : sorted) best += std::min(cap, left) * m, left -= std::min(cap, left);
   for (double m : mu) mean += m;
   mean /= n;
-  p.c.assign(n, 0.0);
-  p.C.assign(2 * static_cast<size_t>(n), 1.0);
+  p.c.assign(n, 0.0), p.C.assign(2 * static_cast<size_t>(n), 1.0);
   for (int i = 0; i < n; ++i) p.C[n + i] = -mu[i];
-  p.d = {1.0, -0.5 * (mean + best)};
-  p.lower.assign(n, 0.0), p.upper.assign(n, cap);
+  p.d = {1.0, -0.5 * (mean + best)}, p.lower.assign(n, 0.0), p.upper.assign(n, cap);
   return p;
 }
 
@@ -225,28 +167,24 @@ std::string solveRecord(const std::string& name, const Qp& p) {
   const int n = p.n, me = p.me, mi = p.mi, m = me + mi;
   const size_t nn = static_cast<size_t>(n) * n;
   line(t, "problem %s n=%d me=%d mi=%d", name.c_str(), n, me, mi);
-  Vec C = p.C, d = p.d;  // one spare place, so that no rows still give valid pointers
-  C.resize(static_cast<size_t>(n) * m + 1);
-  d.resize(m + 1);
+  Vec C = p.C, d = p.d;
+  C.resize(static_cast<size_t>(n) * m + 1), d.resize(m + 1);  // no rows: still valid pointers
   {
     Vec H = p.H, c = p.c, Cw = C, dw = d, lo = p.lower, up = p.upper, mult(n + m, 0.0), x(n, 0.0);
     Vec work(nn + n + lumbra::qp::kMainWork(n, mi));
     std::vector<int> iwork(3 * n + me + 2 * mi + 4);
-    int status = 0;
+    int status = 0, restored = 1;
     lumbra::qp::qpDriver(n, H.data(), c.data(), me, mi, Cw.data(), dw.data(), lo.data(), up.data(),
                          iwork.data(), work.data(), mult.data(), x.data(), status);
     line(t, "driver status %d", status);
-    values(t, "x", x.data(), n);
-    values(t, "mult", mult.data(), n + m);
-    bool restored = true;
+    values(t, "x", x.data(), n), values(t, "mult", mult.data(), n + m);
     for (int j = 0; j < n; ++j)
-      for (int i = j; i < n; ++i) restored = restored && H[i + j * size_t(n)] == p.H[i + j * size_t(n)];
-    line(t, "H restored %d", restored ? 1 : 0);
+      for (int i = j; i < n; ++i) restored &= H[i + j * size_t(n)] == p.H[i + j * size_t(n)];
+    line(t, "H restored %d", restored);
   }
-  if (n < 2) return t;
+  if (n < 2) return t;  // then the main iteration as the driver runs it
   Vec Q = p.H, G(nn + n, 0.0), w(lumbra::qp::kMainWork(n, mi)), x(n, 0.0);
-  for (int j = 0; j < n; ++j)
-    for (int i = j; i < n; ++i) G[i + j * size_t(n)] = p.H[i + j * size_t(n)];
+  for (int j = 0; j < n; ++j) std::copy_n(&p.H[j + j * size_t(n)], n - j, &G[j + j * size_t(n)]);
   std::vector<int> IRE(n + mi + 1), list(n + me + mi + 1), ipvt(n + 3);
   int want = 1, kact = 0, kcur = 0, status = 0, iters = 2500;
   lumbra::qp::OPTR03(C.data(), n, Q.data(), n, G.data(), n, p.c.data(), d.data(), p.lower.data(),
@@ -255,28 +193,25 @@ std::string solveRecord(const std::string& name, const Qp& p) {
   line(t, "main status %d iterations %d kact %d kcur %d", status, iters, kact, kcur);
   t += "list";
   for (int j = 0; j < kact && j < n + m; ++j) t += ' ' + std::to_string(list[j]);
-  t += '\n';
-  values(t, "xmain", x.data(), n);
+  values(t, "\nxmain", x.data(), n);
   if (want >= 1 && static_cast<size_t>(want) <= w.size() && (status == 0 || status == -3))
     values(t, "objective", &w[want - 1], 1);
   return t;
 }
 
-// Row-major allocator data: a factor covariance, returns, a budget, sector
-// caps, bounds, and the scalar targets.
-struct Alloc {
+struct Alloc {  // row-major allocator data
   int n = 0, nEq = 0, nIneq = 0;
   Vec cov, mu, cons, rhs, lower, upper, q;
   double target = 0, benchReturn = 0, excess = 0, riskFree = 0;
 };
 
+// A factor covariance, returns, a budget, sector caps and bounds.
 Alloc randomAlloc(Rng& r, int n) {
   Alloc a;
-  a.n = n;
+  a.n = n, a.cov.assign(static_cast<size_t>(n) * n, 0.0);
   const int k = 1 + r.below(6);
   Vec F(static_cast<size_t>(n) * k);
   for (double& f : F) f = r.range(-0.1, 0.1);
-  a.cov.assign(static_cast<size_t>(n) * n, 0.0);
   const bool singular = r.chance(0.1);
   for (int i = 0; i < n; ++i)
     for (int j = 0; j <= i; ++j) {
@@ -285,20 +220,17 @@ Alloc randomAlloc(Rng& r, int n) {
       if (i == j && !singular) s += r.range(1e-4, 4e-3);
       a.cov[i * size_t(n) + j] = a.cov[j * size_t(n) + i] = s;
     }
-  a.mu.resize(n);
-  for (double& m : a.mu) m = r.range(-0.002, 0.01);
+  for (int i = 0; i < n; ++i) a.mu.push_back(r.range(-0.002, 0.01));
   const int sectors = r.chance(0.5) ? std::min(n, 1 + r.below(5)) : 0;
   a.nEq = r.chance(0.8) ? 1 : 0, a.nIneq = sectors;
   const int m = a.nEq + a.nIneq;
-  a.cons.assign(std::max<size_t>(size_t(n) * m, 1), 0.0);  // no rows: still a valid pointer
-  a.rhs.assign(std::max(m, 1), 0.0);
+  a.cons.assign(std::max<size_t>(size_t(n) * m, 1), 0.0), a.rhs.assign(std::max(m, 1), 0.0);
   for (int i = 0; i < n * a.nEq; ++i) a.cons[i * size_t(m)] = a.rhs[0] = 1.0;
   for (int s = 0; s < sectors; ++s) {
     for (int i = s; i < n; i += sectors) a.cons[i * size_t(m) + a.nEq + s] = 1.0;
     a.rhs[a.nEq + s] = r.range(0.2, 0.9);
   }
-  a.lower.assign(n, r.chance(0.7) ? 0.0 : -0.2);
-  a.upper.assign(n, r.chance(0.5) ? 1.0 : std::max(0.3, 2.0 / n));
+  a.lower.assign(n, r.chance(0.7) ? 0.0 : -0.2), a.upper.assign(n, r.chance(0.5) ? 1.0 : std::max(0.3, 2.0 / n));
   if (r.chance(0.1)) a.lower[0] = a.upper[0];  // one fixed weight
   double mean = 0.0, top = -1e9;
   for (double m : a.mu) mean += m, top = std::max(top, m);
@@ -312,14 +244,16 @@ Alloc randomAlloc(Rng& r, int n) {
   return a;
 }
 
-// Row-major allocator problems on exactly tied data (diagonal covariance).
+// Allocator problems on exactly tied data (diagonal covariances), the
+// reproducers of four faults found by fuzzing: the two tracking-error
+// problems whose feasibility start once overran its work, a Sharpe-ratio
+// problem once returned with weights outside their bounds, and a
+// mean-variance problem once reported solved at a point missing its rows.
 Alloc tiedAlloc(int k) {
   Alloc a;
-  auto diagonal = [&a](std::initializer_list<double> v) {
-    a.n = static_cast<int>(v.size());
-    a.cov.assign(static_cast<size_t>(a.n) * a.n, 0.0);
-    int i = 0;
-    for (double x : v) a.cov[i * size_t(a.n) + i] = x, ++i;
+  auto diagonal = [&a](const Vec& v) {
+    a.n = static_cast<int>(v.size()), a.cov.assign(v.size() * v.size(), 0.0);
+    for (int i = 0; i < a.n; ++i) a.cov[i * size_t(a.n) + i] = v[i];
   };
   if (k == 0) {
     a.n = 2, a.nIneq = 1;
@@ -338,24 +272,19 @@ Alloc tiedAlloc(int k) {
     a.mu = {0, -0.09375, -0.03125, 0, 0, -0.03125, 0};
     a.lower = {0, 0, 0, 0, 0.0025, 0, 0.0246875};
     a.upper = {1, 0, 0, 0.03125, 0.0028125, 0.09375, 0.5246875};
-    a.cons = {0.0}, a.rhs = {0.0}, a.riskFree = -0.0003125;
-    a.q.assign(a.n, 0.0);
+    a.cons = {0.0}, a.rhs = {0.0}, a.riskFree = -0.0003125, a.q.assign(a.n, 0.0);
   } else {
     diagonal({3.34475, 3.34475, 0.001, 0.001, 0.001, 0.0056875, 0.016, 1.5635});
     a.nEq = 3, a.nIneq = 3;
     a.mu = {0.0159375, 1, 0, 0.0378125, -0.03125, -0.03125, -0.03125, -0.03125};
     a.lower = {-0.036875, -0.036875, -0.036875, -0.036875, -0.036875, 0, 0.03, 0.0009375};
     a.upper = {1.963125, 3.619375, 3.619375, 3.619375, 3.619375, 3.65625, 3.7175, 3.6571875};
-    a.cons = {0, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, 0, 0.03,
-              0.0009375, -2, -3.65625, -3.65625, -3.65625, -3.65625, -3.65625, -3.65625, 0,
-              -0.036875, -0.036875, 0.035312500000000004, -0.036875, -0.0003125, -0.03125,
-              -0.15625, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875,
-              -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875, -0.036875,
-              -0.036875, -0.036875, -0.036875, 0, 0, 0, 0.0021875, -0.036875, -0.036875,
-              -0.036875};
-    a.rhs.assign(6, -0.036875);
-    a.target = -3.65625;
-    a.q.assign(a.n, 0.0);
+    const double o = -0.036875;
+    a.cons = {0, o, o, o, o, o, o, 0, 0.03, 0.0009375, -2, -3.65625, -3.65625, -3.65625,
+              -3.65625, -3.65625, -3.65625, 0, o, o, 0.035312500000000004, o, -0.0003125,
+              -0.03125, -0.15625, o, o, o, o, o, o, o, o, o, o, o, o, o, o, o, o, 0, 0, 0,
+              0.0021875, o, o, o};
+    a.rhs.assign(6, o), a.target = -3.65625, a.q.assign(a.n, 0.0);
   }
   return a;
 }
@@ -384,52 +313,36 @@ std::string allocRecord(const std::string& name, const Alloc& a) {
   return t;
 }
 
-// The corpus, record name and text, in a fixed order.
-std::vector<std::pair<std::string, std::string>> corpus(bool full) {
+// The records, name and text, in a fixed order (new families go at the end).
+std::vector<std::pair<std::string, std::string>> corpus() {
   std::vector<std::pair<std::string, std::string>> out;
   auto add = [&out](const std::string& name, const std::string& text) { out.emplace_back(name, text); };
   Rng r{20240611};
-  // 360 solver problems: mostly small, a tail up to 300 variables
-  for (int k = 0; k < 360; ++k) {
+  for (int k = 0; k < 360; ++k) {  // mostly small, a tail up to 300 variables
     const int sk = r.below(40);
-    const int n = sk < 24 ? 2 + r.below(9) : sk < 34 ? 11 + r.below(40) : sk < 38 ? 51 + r.below(100)
-                                                                           : 151 + r.below(150);
-    const Qp p = randomProblem(r, n);
-    add("qp" + std::to_string(k), solveRecord("qp" + std::to_string(k), p));
+    const int n = sk < 24   ? 2 + r.below(9)
+                  : sk < 34 ? 11 + r.below(40)
+                  : sk < 38 ? 51 + r.below(100) : 151 + r.below(150);
+    add("qp" + std::to_string(k), solveRecord("qp" + std::to_string(k), randomProblem(r, n)));
   }
-  // one variable, through the scalar path of the driver
-  for (int k = 0; k < 12; ++k) {
+  for (int k = 0; k < 12; ++k) {  // one variable, through the scalar path of the driver
     Qp p;
-    p.n = 1;
-    p.H = {k % 3 == 0 ? 0.0 : r.range(0.0, 2.0)};
-    p.c = {r.range(-1.0, 1.0)};
-    p.me = k % 4 == 1 ? 1 : 0, p.mi = k % 2;
-    for (int j = 0; j < p.me + p.mi; ++j) {
-      p.C.push_back(r.range(-1.0, 1.0)), p.d.push_back(r.range(-1.0, 1.0));
-    }
+    p.n = 1, p.H = {k % 3 == 0 ? 0.0 : r.range(0.0, 2.0)}, p.c = {r.range(-1.0, 1.0)};
+    p.me = k % 4 == 1, p.mi = k % 2;
+    for (int j = 0; j < p.me + p.mi; ++j) p.C.push_back(r.range(-1.0, 1.0)), p.d.push_back(r.range(-1.0, 1.0));
     p.lower = {-1.0}, p.upper = {k % 5 == 0 ? -1.0 : 1.0};
     add("scalar" + std::to_string(k), solveRecord("scalar" + std::to_string(k), p));
   }
   for (int n : {50, 200}) add("bench" + std::to_string(n), solveRecord("bench", benchProblem(n)));
-  if (full) add("bench500", solveRecord("bench", benchProblem(500)));
-  // 90 allocator problems, each through the three exports
-  for (int k = 0; k < 90; ++k) {
+  for (int k = 0; k < 90; ++k) {  // allocator problems, each through the three exports
     const int n = k < 70 ? 2 + r.below(30) : 31 + r.below(120);
     add("alloc" + std::to_string(k), allocRecord("alloc" + std::to_string(k), randomAlloc(r, n)));
   }
-  // Degenerate problems: ties, zero-width bounds, repeated rows, pinned
-  // budgets (appended, so that the records above keep their digests).
-  for (int k = 0; k < lumbra::testing::kDegenerateCount; ++k) {
-    const lumbra::testing::DegenerateQp g = lumbra::testing::degenerateProblem(k);
-    Qp p;
-    p.n = g.n, p.me = g.me, p.mi = g.mi;
-    p.H = g.H, p.c = g.c, p.C = g.C, p.d = g.d, p.lower = g.lower, p.upper = g.upper;
-    add("degenerate" + std::to_string(k), solveRecord("degenerate" + std::to_string(k), p));
-  }
-  // Allocator problems on exactly tied data: the two tracking-error
-  // problems whose feasibility start once overran its work, and the tied
-  // Sharpe-ratio and mean-variance problems that the closing check refuses.
-  for (int k = 0; k < 4; ++k) add("tied" + std::to_string(k), allocRecord("tied" + std::to_string(k), tiedAlloc(k)));
+  for (int k = 0; k < lumbra::testing::kDegenerateCount; ++k)
+    add("degenerate" + std::to_string(k), solveRecord("degenerate" + std::to_string(k),
+                                                       lumbra::testing::degenerateProblem(k)));
+  for (int k = 0; k < 4; ++k)
+    add("tied" + std::to_string(k), allocRecord("tied" + std::to_string(k), tiedAlloc(k)));
   return out;
 }
 
@@ -443,46 +356,43 @@ bool optimisedBlasLoaded() {
   return false;
 }
 
+std::string digest(const std::string& text) {
+  std::uint64_t h = 0xcbf29ce484222325ULL;
+  for (unsigned char ch : text) h = (h ^ ch) * 0x100000001b3ULL;  // FNV-1a
+  char hash[32];
+  std::snprintf(hash, sizeof hash, "%016" PRIx64, h);
+  return hash;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
-  const bool needsFile = mode == "--digest" || mode == "--check";
-  if (!(mode == "--dump" || needsFile) || (needsFile && argc < 3)) {
-    std::fprintf(stderr, "usage: %s --dump | --digest FILE | --check FILE  [--full]\n", argv[0]);
+  if (!(mode == "--dump" || ((mode == "--digest" || mode == "--check") && argc > 2))) {
+    std::fprintf(stderr, "usage: %s --dump | --digest FILE | --check FILE\n", argv[0]);
     return 2;
   }
   if (mode == "--check" && optimisedBlasLoaded()) {
     std::printf("optimised BLAS in use: the corpus holds for the reference BLAS only; skipped\n");
     return 77;
   }
-  const auto records = corpus(std::string(argv[argc - 1]) == "--full" && mode != "--check");
-  char hash[32];
-  auto digest = [&hash](const std::string& text) {
-    std::snprintf(hash, sizeof hash, "%016" PRIx64, fnv1a(text));
-    return std::string(hash);
-  };
-  if (mode == "--dump") for (const auto& rec : records) std::fputs(rec.second.c_str(), stdout);
-  if (mode == "--dump") return 0;
-  if (mode == "--digest") {
-    std::FILE* f = std::fopen(argv[2], "w");
+  const auto records = corpus();
+  if (mode != "--check") {
+    std::FILE* f = mode == "--dump" ? stdout : std::fopen(argv[2], "w");
     if (!f) return 2;
-    for (const auto& [name, text] : records) std::fprintf(f, "%s %s\n", name.c_str(), digest(text).c_str());
-    std::fclose(f);
-    std::printf("%zu records written to %s\n", records.size(), argv[2]);
-    return 0;
+    for (const auto& [name, text] : records)
+      std::fprintf(f, "%s", mode == "--dump" ? text.c_str() : (name + ' ' + digest(text) + '\n').c_str());
+    return std::fclose(f) == 0 ? 0 : 2;
   }
   std::map<std::string, std::string> expected;
   std::ifstream in(argv[2]);
   for (std::string name, h; in >> name >> h;) expected[name] = h;
   int passed = 0, failed = 0;
   for (const auto& [name, text] : records) {
-    const auto it = expected.find(name);
-    const std::string got = digest(text);
-    if (it != expected.end() && it->second == got) ++passed;
-    else ++failed, std::printf("MISMATCH %s: expected %s, got %s\n", name.c_str(),
-                  it == expected.end() ? "(none)" : it->second.c_str(), got.c_str());
-    if (it != expected.end()) expected.erase(it);
+    const std::string got = digest(text), want = expected.count(name) ? expected[name] : "(none)";
+    if (want == got) ++passed;
+    else ++failed, std::printf("MISMATCH %s: expected %s, got %s\n", name.c_str(), want.c_str(), got.c_str());
+    expected.erase(name);
   }
   for (const auto& left : expected) ++failed, std::printf("MISSING %s\n", left.first.c_str());
   std::printf("%d passed, %d failed\n", passed, failed);
