@@ -140,6 +140,10 @@ LIST = [
      "if (best > kPrecision075) return -2;", "start vertex: multiplier test sign"),
     ("Q18", "src/qp/driver.cpp", "kIterationLimit = 2500;", "kIterationLimit = 25;",
      "iteration limit 25 instead of 2500"),
+    ("Q19", "src/qp/direction.cpp", "if (c * p[r - 1] < 0.0)", "if (c * p[r - 1] > 0.0)",
+     "coupling-row direction: sign test reversed"),
+    ("Q20", "src/qp/direction.cpp", "p[r - 1] = -b * b;", "p[r - 1] = b * b;",
+     "coupling-row direction: pivot term sign"),
     # ---- alloc
     ("A01", "src/alloc/alloc_mv.cpp", "if (excess > kFeasibilityTol + r - benchReturn)",
      "if (excess > r - benchReturn)", "tracking excess test without its tolerance"),
