@@ -14,68 +14,36 @@
 
 using namespace lumbra::testing;
 
-namespace {
-
-constexpr int kRounds = 12;
-
-struct Serial {
-  Export e;
-  int ret;
-  CallData data;
-};
-
-// The serial results of a family's exports.
-std::vector<Serial> serialResults(const std::vector<Export>& family) {
-  std::vector<Serial> results;
-  for (Export e : family) {
-    Serial s{e, 0, CallData()};
-    s.ret = callExport(e, s.data);
-    results.push_back(s);
-  }
-  return results;
-}
-
-// Repeats the family's calls; counts the calls whose result differs.
-int repeatFamily(const std::vector<Serial>& expected, int rounds) {
-  int mismatches = 0;
-  for (int r = 0; r < rounds; ++r)
-    for (const Serial& s : expected) {
-      CallData d;
-      const int ret = callExport(s.e, d);
-      bool same = ret == s.ret && d.status == s.data.status;
-      const long count = resultCount(s.e, d);
-      for (long k = 0; k < count; ++k) {
-        if (s.e == Export::Simulation)
-          same = same && std::isfinite(d.out[k]);
-        else
-          same = same && (d.out[k] == s.data.out[k]);
-      }
-      mismatches += same ? 0 : 1;
-    }
-  return mismatches;
-}
-
-}  // namespace
-
 TEST(ExportConcurrency, FourFamiliesAtOnceMatchSerialCalls) {
-  const std::vector<std::vector<Export>> families = {
-      {Export::AllocMV, Export::AllocIT, Export::AllocSharpe},
-      {Export::Returns, Export::LogReturns, Export::Cov, Export::Corr},
-      {Export::ExanteReturn, Export::ExanteVolatility, Export::ExanteNormalVaR,
-       Export::ExanteModifiedVaR, Export::ExpostReturn, Export::ExpostVolatility,
-       Export::GaussianKernel},
-      {Export::Simulation}};
-  std::vector<std::vector<Serial>> expected;
-  for (const auto& family : families) expected.push_back(serialResults(family));
-  for (const auto& family : expected)
-    for (const Serial& s : family) ASSERT_EQ(0, s.ret) << exportName(s.e);
-
-  std::vector<int> mismatches(families.size(), 0);
-  std::vector<std::thread> threads;
+  using E = Export;
+  const std::vector<std::vector<E>> families = {
+      {E::AllocMV, E::AllocIT, E::AllocSharpe},
+      {E::Returns, E::LogReturns, E::Cov, E::Corr},
+      {E::ExanteReturn, E::ExanteVolatility, E::ExanteNormalVaR, E::ExanteModifiedVaR,
+       E::ExpostReturn, E::ExpostVolatility, E::GaussianKernel},
+      {E::Simulation}};
+  std::vector<std::vector<CallData>> serial(families.size());
   for (size_t f = 0; f < families.size(); ++f)
-    threads.emplace_back([&, f] { mismatches[f] = repeatFamily(expected[f], kRounds); });
+    for (E e : families[f]) {
+      serial[f].emplace_back();
+      ASSERT_EQ(0, callExport(e, serial[f].back())) << exportName(e);
+    }
+  // Twelve rounds of the family's calls; counts the calls whose result differs.
+  std::vector<int> mismatches(families.size(), 0);
+  auto repeat = [&](size_t f) {
+    for (int round = 0; round < 12; ++round)
+      for (size_t j = 0; j < families[f].size(); ++j) {
+        const E e = families[f][j];
+        CallData d;
+        bool same = callExport(e, d) == 0 && d.status == serial[f][j].status;
+        for (long k = 0; k < resultCount(e, d); ++k)
+          same = same && (e == E::Simulation ? std::isfinite(d.out[k]) : d.out[k] == serial[f][j].out[k]);
+        mismatches[f] += same ? 0 : 1;
+      }
+  };
+  std::vector<std::thread> threads;
+  for (size_t f = 0; f < families.size(); ++f) threads.emplace_back(repeat, f);
   for (std::thread& t : threads) t.join();
   for (size_t f = 0; f < families.size(); ++f)
-    EXPECT_EQ(0, mismatches[f]) << "family " << f << " (first export "
-                                << exportName(families[f][0]) << ")";
+    EXPECT_EQ(0, mismatches[f]) << "family of " << exportName(families[f][0]);
 }
