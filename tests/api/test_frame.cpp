@@ -26,13 +26,11 @@ using E = Export;
 
 namespace {
 
-// Puts v where a row's argument says: a count ("nEq"), a real scalar
-// ("level"), elements of a row-major array ("mu[0]", "cov[0][1], cov[1][0]",
-// "ineqMatrices[0][1], [1][0]", "prices[3][0] (last row)"), or the values a
-// size row gives ("n = 2^31 - 1, steps = 0").  Returns the names it set.
-std::set<std::string> put(CallData& d, const std::string& argument, double v) {
+// Puts v where a row's argument says ("nEq", "level", "mu[0]", "cov[0][1],
+// cov[1][0]", "ineqMatrices[0][1], [1][0]", "prices[3][0] (last row)"; a size
+// row's "n = 2^31 - 1, steps = 0" gives its own values); notes each name.
+void put(CallData& d, const std::string& argument, double v, std::set<std::string>& covered) {
   const std::string places = argument.substr(0, argument.find(" ("));
-  std::set<std::string> names;
   std::string name;
   for (size_t from = 0; from < places.size();) {
     const size_t to = std::min(places.find(", ", from), places.size());
@@ -43,7 +41,7 @@ std::set<std::string> put(CallData& d, const std::string& argument, double v) {
       value = part.substr(eq + 3) == "2^31 - 1" ? INT_MAX : std::stod(part.substr(eq + 3));
       part.resize(eq);
     }
-    if (part[0] != '[') names.insert(name = part.substr(0, part.find('[')));
+    if (part[0] != '[') covered.insert(exportName(d.e) + (":" + (name = part.substr(0, part.find('[')))));
     if (d.counts.count(name) != 0) {
       d(name) = static_cast<int>(value);
       continue;
@@ -55,35 +53,15 @@ std::set<std::string> put(CallData& d, const std::string& argument, double v) {
     const long cols = name == "prices" ? d("nSeries") : std::lround(std::sqrt(x.size()));
     x.at(matrix ? i * cols + j : i) = value;
   }
-  return names;
 }
 
-// An infinity may pass only where it means "no limit": a bound on its own
-// side, the nearness tolerance, a kernel point below all data.
+// Where an infinity means "no limit": bounds, tolerance, points below the data.
 bool meansNoLimit(const std::string& argument, double v) {
   return argument == (v > 0 ? "upper[0]" : "lower[0]") || (argument == "tolerance" && v > 0) ||
          (argument == "points[0]" && v < 0);
 }
 
-// Runs one case and gives its cell.  Every case leaves a documented return,
-// a finite result, zeros after a refusal and the inputs as they were, and
-// non-finite data never gives a success.
-std::string cell(E e, const std::string& argument, double v, std::set<std::string>& covered) {
-  const std::string label = exportName(e) + (" " + argument) + " = " + std::to_string(v);
-  if (std::getenv("LUMBRA_TRACE_CASES") != nullptr) std::fprintf(stderr, "%s\n", label.c_str());
-  CallData d(e);
-  for (const std::string& name : put(d, argument, v)) covered.insert(exportName(e) + (":" + name));
-  const Outcome o = runCase(d);
-  SCOPED_TRACE(::testing::Message() << label << ": return " << o.ret);
-  const bool refused = o.ret == 2 || o.ret > 300, ran = o.ret == 5 || o.ret == 6;
-  EXPECT_TRUE((o.ret == 0 || refused) ? o.status == 0 : ran);
-  EXPECT_TRUE(o.finite && o.inputsKept && (!refused || o.cleared));
-  EXPECT_FALSE(o.ret == 0 && (std::isnan(v) || (std::isinf(v) && !meansNoLimit(argument, v))));
-  return std::to_string(o.ret) + (ran ? " / " + std::to_string(o.status) : "");
-}
-
-// The README's tables with every cell replaced by what the library gives;
-// a header row gives the values of its columns.
+// The README's tables with every cell rerun; a header row gives the values.
 std::string rerun(const std::string& tables, std::set<std::string>& covered) {
   std::istringstream in(tables);
   std::ostringstream out;
@@ -105,7 +83,18 @@ std::string rerun(const std::string& tables, std::set<std::string>& covered) {
     for (int k = 0; k < static_cast<int>(E::Count) && !cells[0].empty(); ++k)
       if (unquoted(cells[0]) == exportName(static_cast<E>(k))) e = static_cast<E>(k);
     out << "| " << cells[0] << " | " << cells[1] << " |";
-    for (double v : values) out << " " << cell(e, unquoted(cells[1]), v, covered) << " |";
+    for (double v : values) {  // every case ends cleanly, non-finite data never with 0
+      const std::string argument = unquoted(cells[1]);
+      CallData d(e);
+      put(d, argument, v, covered);
+      const Outcome o = runCase(d);
+      SCOPED_TRACE(::testing::Message() << exportName(e) << " " << argument << " = " << v);
+      const bool refused = o.ret == 2 || o.ret > 300, ran = o.ret == 5 || o.ret == 6;
+      EXPECT_TRUE((o.ret == 0 || refused) ? o.status == 0 : ran) << o.ret;
+      EXPECT_TRUE(o.finite && o.inputsKept && (!refused || o.cleared));
+      EXPECT_FALSE(o.ret == 0 && (std::isnan(v) || (std::isinf(v) && !meansNoLimit(argument, v))));
+      out << " " << o.ret << (ran ? " / " + std::to_string(o.status) : "") << " |";
+    }
     out << "\n";
   }
   return out.str();
@@ -113,13 +102,10 @@ std::string rerun(const std::string& tables, std::set<std::string>& covered) {
 
 }  // namespace
 
-// The README's bad-input table (between its two markers): a row names an
-// argument, a column a value (NaN, infinities, zero, negative, huge, counts
-// and overflowing sizes), a cell what the call returns ("5 / -104": with
-// the status when the engine ran and did not succeed).  Every case ends
-// cleanly, every cell is what the library gives, every argument of every
-// export has a row.  After a deliberate change LUMBRA_UPDATE_README=1
-// rewrites the cells (LUMBRA_TRACE_CASES=1 names each case as it runs).
+// The README's bad-input table: a row names an argument, a column a value, a
+// cell the return ("5 / -104": with the status when the engine ran and did
+// not succeed).  Every cell is what the library gives, every argument of
+// every export has a row; LUMBRA_UPDATE_README=1 rewrites the cells.
 TEST(BadInputTable, ReadmeTableIsTheOneTheCasesGive) {
   std::string text = sourceFile("README.md");
   const std::string begin = "<!-- bad-input-table:begin -->\n";
@@ -157,62 +143,32 @@ TEST(BadInputTable, ReadmeTableIsTheOneTheCasesGive) {
   EXPECT_EQ(table, current) << "the README's bad-input table is out of date";
 }
 
-namespace {
-
-constexpr double kSentinel = -777.0;
-constexpr int kPasses = 0;  // passes every argument test, whatever the engine says
-
-// A valid call spoilt (d["name"] an array, {} for a null pointer; d("name")
-// a count), and the return and status it must give.
-struct Case {
-  Export e;
-  const char* what;
-  void (*spoil)(CallData&);
-  int ret, status = 0;
-};
 #define SPOIL(...) [](CallData& d) { __VA_ARGS__; }
 
-// Every case leaves the inputs as they were and a finite result; a refusal
-// (300 + k) also writes status 0 and clears exactly the result.
-void expectCases(const std::vector<Case>& cases) {
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << exportName(c.e) << ": " << c.what);
-    CallData d(c.e);
-    c.spoil(d);
-    const Outcome o = runCase(d);
-    EXPECT_TRUE(o.inputsKept && o.finite);
-    EXPECT_TRUE(c.ret == kPasses ? o.ret < 300 : o.ret == c.ret && o.status == c.status)
-        << o.ret << " / " << o.status;
-    EXPECT_TRUE(c.ret < 300 || (o.cleared && d.out[resultCount(d)] == kSentinel));
-  }
-}
-
-}  // namespace
-
-// Each export tests its arguments in a fixed order and reports the first
-// failure as 300 + position; some tests replace the whole chain (a negative
-// inequality count, the VaR level, the nearness tolerance and floor), some
-// run only after it (the bound scan, the kernel's points).
-TEST(Arguments, EachExportReportsTheFirstFailureInItsOrder) {
-  expectCases({
+// Valid calls spoilt (d["name"] = {}: a null pointer), each with its return
+// and status, the inputs kept, a refusal (300 + k) clearing exactly the
+// result: the first failure in each export's order of tests (some replace
+// the whole chain, some run after it), then non-finite or overflowing data
+// that no single element of the README's table holds.
+TEST(Arguments, FirstFailureInOrderAndCompoundNonFiniteData) {
+  const struct {
+    Export e;
+    const char* what;
+    void (*spoil)(CallData&);
+    int ret, status = 0;
+  } cases[] = {
       // allocators: nEq, n, upper, lower, rhs, cons, benchCov, mu, cov
       {E::AllocMV, "nEq before n", SPOIL(d("nEq") = -1, d("n") = 1), 304},
       {E::AllocMV, "upper before lower, cov", SPOIL(d["upper"] = {}, d["lower"] = {}, d["cov"] = {}), 309},
       {E::AllocIT, "upper before lower, cov", SPOIL(d["upper"] = {}, d["lower"] = {}, d["cov"] = {}), 311},
       {E::AllocMV, "negative nIneq replaces the chain", SPOIL(d["cons"] = {}, d("nIneq") = -3), 305},
-      {E::AllocSharpe, "negative nIneq replaces nEq too", SPOIL(d("nEq") = -1, d("nIneq") = -3), 305},
       {E::AllocMV, "bound scan after the chain",
        SPOIL(d["lower"][1] = 0.7, d["upper"][1] = 0.5, d["mu"] = {}), 303},
-      {E::AllocMV, "no constraints, still a rhs", SPOIL(d("nEq") = d("nIneq") = 0, d["rhs"] = {}), 307},
       // returns: lag after the sizes and prices; VaR: the level replaces the chain
       {E::LogReturns, "lag of all observations", SPOIL(d("lag") = 4), 304},
       {E::ExanteNormalVaR, "level 1 before n", SPOIL(d["level"] = {1.0}, d("n") = 0), 305},
       {E::ExanteModifiedVaR, "nObs below 4", SPOIL(d("nObs") = 3, d("nAssets") = 1), 301},
-      {E::ExanteModifiedVaR, "cov before returns, weights",
-       SPOIL(d("nObs") = 4, d["weights"] = {}, d["returns"] = {}, d["cov"] = {}), 305},
-      // kernel density: nPoints, nObs, points, data, then the order of points
       {E::GaussianKernel, "points decrease", SPOIL(d["points"][2] = -0.01), 304},
-      {E::GaussianKernel, "equal points pass", SPOIL(d["points"][2] = 0.0), kPasses},
       // nearness: the chain, then the bounds; tolerance and floor replace it
       {E::SDLS, "n before the bounds",
        SPOIL(d("nEq") = -1, d("n") = 0, d["ineqLower"] = {1.0}, d["ineqUpper"] = {0.5}), 303},
@@ -220,52 +176,50 @@ TEST(Arguments, EachExportReportsTheFirstFailureInItsOrder) {
       {E::SDLS, "floor replaces the tolerance",
        SPOIL(d("nIneq") = -1, d["tolerance"] = {0.0}, d["eigenFloor"] = {-1.0}), 311},
       {E::SDLScorr, "floor 1 before the tolerance", SPOIL(d["tolerance"] = {0.0}, d["eigenFloor"] = {1.0}), 304},
-      // simulation: start, drift, cov from the last
-      {E::Simulation, "cov before drift, start", SPOIL(d["start"] = {}, d["drift"] = {}, d["cov"] = {}), 306},
-  });
-}
-
-// Non-finite or overflowing data that no single element of the README's
-// bad-input table holds: each call fails with its family's status.
-TEST(NonFiniteData, CompoundCasesFail) {
-  expectCases({
+      {E::Simulation, "cov, drift, start: from the last",
+       SPOIL(d["start"] = {}, d["drift"] = {}, d["cov"] = {}), 306},
       // An upper bound of -inf leaves no admissible weight, even when the
       // lower bound below it passes the argument scan (shared by the allocators).
       {E::AllocMV, "bounds -inf", SPOIL(d["lower"][0] = d["upper"][0] = -HUGE_VAL), 5, -100},
       // Reference DSYEVR never returned on a 3 by 3 covariance with a NaN.
       {E::Simulation, "NaN in a 3 by 3 cov",
        SPOIL(d("n") = 3, d["start"] = {1.0, 1.0, 1.0}, d["drift"] = {0.0, 0.0, 0.0},
-             d["cov"] = {std::nan(""), 0.01, 0.01, 0.01, 0.09, 0.0, 0.01, 0.0, 0.04}),
+             d["cov"] = {NAN, 0.01, 0.01, 0.01, 0.09, 0.0, 0.01, 0.0, 0.04}),
        5, kernels::kInfoNotFiniteEigen},
       {E::Simulation, "paths overflow", SPOIL(d["start"] = {1e300, 1e300}, d["cov"] = {1e300, 0, 0, 1e300}), 5, -104},
-      {E::Cov, "covariance overflows", SPOIL(for (double& x : d["returns"]) x *= 1e302), 5, -104},
       // One variance overflows: the correlation would be finite over infinite.
       {E::Corr, "one variance overflows", SPOIL(for (int k = 0; k < 10; k += 2) d["returns"][k] *= 1e302), 5, -104},
       {E::ExanteNormalVaR, "negative form", SPOIL(d["cov"] = {-0.04, 0.0, 0.0, -0.09}), 5, -104},
-  });
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << exportName(c.e) << ": " << c.what);
+    CallData d(c.e);
+    c.spoil(d);
+    const Outcome o = runCase(d);
+    EXPECT_TRUE(o.inputsKept && o.finite && o.ret == c.ret && o.status == c.status) << o.ret << " / " << o.status;
+    EXPECT_TRUE(c.ret < 300 || (o.cleared && d.out[resultCount(d)] == -777.0));
+  }
 }
 
+// Row-major to column-major and back across the 32-element tiles, squares
+// (in place) among them, with a fresh temporary, with lent spare memory of
+// exactly the size, and with none (the cycles); squares and lent memory
+// allocate nothing.
 TEST(WorkArrays, LayoutConversionBothWays) {
-  // Shapes below, at and across the 32-element tiles, square ones (moved in
-  // place) among them; each converted with a fresh temporary, with spare
-  // memory of exactly its size lent by the caller, and with neither (the
-  // permutation's cycles).  Squares and lent memory allocate nothing.
   const std::pair<i64, i64> shapes[] = {{2, 3}, {3, 2}, {4, 4}, {1, 5}, {7, 3},
                                         {32, 32}, {33, 33}, {70, 45}, {45, 70}, {64, 96}};
-  enum Temporary { Fresh, Spare, None };
   for (const auto& [rows, cols] : shapes)
-    for (Temporary temporary : {Fresh, Spare, None}) {
-      SCOPED_TRACE(::testing::Message() << rows << " by " << cols << ", temporary " << temporary);
-      std::vector<double> a(static_cast<size_t>(rows * cols));
+    for (const int spareCount : {0, static_cast<int>(rows * cols), -1}) {  // -1: no temporary
+      SCOPED_TRACE(::testing::Message() << rows << " by " << cols << ", spare " << spareCount);
+      std::vector<double> a(static_cast<size_t>(rows * cols)), spare(std::max(spareCount, 0));
       for (size_t k = 0; k < a.size(); ++k) a[k] = static_cast<double>(k);
       const std::vector<double> original = a;
-      std::vector<double> spare(temporary == Spare ? a.size() : 0, kSentinel);
-      FailingAllocator failing(temporary == None ? 0 : 2);
+      FailingAllocator failing(spareCount < 0 ? 0 : 2);
       api::convertLayout(a.data(), rows, cols, spare.data(), static_cast<i64>(spare.size()));
       for (i64 r = 0; r < rows; ++r)
         for (i64 c = 0; c < cols; ++c) ASSERT_EQ(original[r * cols + c], a[at(r, c, rows)]);
       api::convertLayout(a.data(), cols, rows, spare.data(), static_cast<i64>(spare.size()));
-      const bool allocates = rows != cols && rows > 1 && cols > 1 && temporary != Spare;
+      const bool allocates = rows != cols && rows > 1 && cols > 1 && spareCount <= 0;
       EXPECT_EQ(allocates ? 2 : 0, FailingAllocator::requests());
       EXPECT_EQ(original, a);
     }

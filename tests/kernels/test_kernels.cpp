@@ -36,10 +36,9 @@ TEST(MatrixKernels, BoundsOfTheSmallKernels) {
 }
 
 TEST(SpectralKernels, PositiveDefinitenessThresholdOnRealSchurParts) {
-  // The threshold is single-precision 1e-12 widened, 9.99999996e-13: the
-  // threshold itself passes (the comparison is strict), and so does an
-  // eigenvalue between it and the double 1e-12; 1e-13 fails.  [1 -4; 4 1]
-  // passes on the real parts of 1 +- 4i; +inf has no real part to compare.
+  // The threshold is 1e-12f widened (9.99999996e-13), passed itself and by an
+  // eigenvalue below the double 1e-12; [1 -4; 4 1] passes on the real parts
+  // of 1 +- 4i; +inf has no real part to compare.
   const struct {
     double a, b;
     int flag;
@@ -55,10 +54,9 @@ TEST(SpectralKernels, PositiveDefinitenessThresholdOnRealSchurParts) {
 }
 
 TEST(SpectralKernels, NegligibleElementsAreFlushedSoExtremeRangesReturn) {
-  // DSYEVR never returned on the first two (upper triangles spanning nearly
-  // the whole exponent range).  Elements below 2^-106 times the largest are
-  // set to zero first, which leaves diagonal matrices with exact
-  // eigenvalues: 2^-106 times the largest stays, half of it goes.
+  // DSYEVR never returned on the first two (exponents across the whole
+  // range); elements below 2^-106 times the largest are flushed first,
+  // leaving exact diagonals: 2^-106 times the largest stays, half of it goes.
   const double hung[2][9] = {
       {2.0522682444161237e-289, 0, 0, -1.2164802009519749e-140, -1999999993657846.8, 0, -1e-300,
        -8.1677956349632598e-143, 3.4756577170056423e-144},
@@ -82,10 +80,9 @@ TEST(SpectralKernels, NegligibleElementsAreFlushedSoExtremeRangesReturn) {
 }
 
 TEST(SpectralKernels, DefiniteCertificateOnlyWhereTheSchurTestMustPass) {
-  // A = H diag(lambda) H, H = I - 2 v v' / v'v, exactly symmetrised, has the
-  // eigenvalues lambda to about 1e-16.  The certificate says yes with the
-  // smallest far above the threshold (where the Schur test gives 0), no at
-  // or below it (its margin is positive), for one ulp of asymmetry or a NaN.
+  // A = H diag(lambda) H (H = I - 2 v v' / v'v) has eigenvalues lambda to
+  // about 1e-16.  Yes far above the threshold (the Schur test agrees), no at
+  // or below it (the margin is positive), for one ulp of asymmetry, for NaN.
   const double t = kDefiniteThreshold;
   const struct {
     double smallest;
