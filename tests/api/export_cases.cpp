@@ -4,13 +4,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "lumbra.h"
 
 namespace lumbra::testing {
+using E = Export;
 
 const char* exportName(Export e) {
   static const char* const names[] = {
@@ -23,7 +21,6 @@ const char* exportName(Export e) {
 }
 
 CallData::CallData(Export e) : e(e) {
-  using E = Export;
   const Vec history = {0.01, 0.02, -0.02, 0.01, 0.015, -0.01, 0.0, 0.03, 0.005, -0.02};
   const Vec cov2 = {0.04, 0.01, 0.01, 0.09}, series = {0.01, -0.02, 0.015, 0.0, 0.005};
   switch (e) {
@@ -83,22 +80,21 @@ long resultCount(const CallData& d) {
   auto c = [&](const char* name) { return long{d.counts.at(name)}; };
   auto product = [](long a, long b) { return a > 0 && b > 0 ? a * b : 0; };
   switch (d.e) {
-    case Export::AllocMV: case Export::AllocIT: case Export::AllocSharpe: return std::max(c("n"), 0L);
-    case Export::Returns: case Export::LogReturns: return product(c("nSeries"), c("nObs") - c("lag"));
-    case Export::Cov: case Export::Corr: return product(c("nAssets"), c("nAssets"));
-    case Export::SDLS: case Export::SDLScorr: return product(c("n"), c("n"));
-    case Export::GaussianKernel: return std::max(c("nPoints"), 0L);
-    case Export::Simulation: return product(c("n"), c("steps"));
+    case E::AllocMV: case E::AllocIT: case E::AllocSharpe: return std::max(c("n"), 0L);
+    case E::Returns: case E::LogReturns: return product(c("nSeries"), c("nObs") - c("lag"));
+    case E::Cov: case E::Corr: return product(c("nAssets"), c("nAssets"));
+    case E::SDLS: case E::SDLScorr: return product(c("n"), c("n"));
+    case E::GaussianKernel: return std::max(c("nPoints"), 0L);
+    case E::Simulation: return product(c("n"), c("steps"));
     default: return 1;
   }
 }
 
 int callExport(CallData& d) {
-  using E = Export;
   auto r = [&](const char* name) { return d[name].data(); };
   auto c = [&](const char* name) { return &d(name); };
-  double* out = d.out.data();
-  int* st = &d.status;
+  double* const out = d.out.data();
+  int* const st = &d.status;
   switch (d.e) {
     case E::AllocMV:
       return ORXallocMV(c("n"), r("cov"), r("mu"), c("nEq"), c("nIneq"), r("cons"), r("rhs"),
@@ -138,13 +134,6 @@ int callExport(CallData& d) {
     case E::Count: break;
   }
   return -1;
-}
-
-std::string sourceFile(const std::string& path) {
-  std::ifstream in(std::filesystem::path(__FILE__).parent_path() / "../.." / path);
-  std::stringstream whole;
-  whole << in.rdbuf();
-  return whole.str();
 }
 
 Outcome runCase(CallData& d) {

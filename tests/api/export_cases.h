@@ -9,11 +9,9 @@
 
 namespace lumbra::testing {
 
-enum class Export {
-  AllocMV, AllocIT, AllocSharpe, Returns, LogReturns, Cov, Corr, SDLS, SDLScorr, ExanteReturn,
-  ExanteVolatility, ExanteNormalVaR, ExanteModifiedVaR, ExpostReturn, ExpostVolatility,
-  GaussianKernel, Simulation, Count
-};
+enum class Export { AllocMV, AllocIT, AllocSharpe, Returns, LogReturns, Cov, Corr, SDLS, SDLScorr,
+  ExanteReturn, ExanteVolatility, ExanteNormalVaR, ExanteModifiedVaR, ExpostReturn,
+  ExpostVolatility, GaussianKernel, Simulation, Count };
 const char* exportName(Export e);
 
 struct Vec : std::vector<double> {  // compares bit for bit, NaN equal to itself
@@ -40,11 +38,8 @@ struct CallData {
 
 long resultCount(const CallData& d);  // doubles of the result (0 for a size <= 0)
 int callExport(CallData& d);          // result in d.out, status in d.status
-std::string sourceFile(const std::string& path);  // a file of the source tree
 
-// What a call left: return, status, a finite and an all-zero result, and
-// every input back bit for bit.
-struct Outcome {
+struct Outcome {  // what a call left: the result finite, all zero; the inputs kept
   int ret = 0, status = 0;
   bool finite = true, cleared = true, inputsKept = true;
 };

@@ -29,10 +29,9 @@ bool sameCall(const CallData& expected, const CallData& d) {
 
 }  // namespace
 
-// A failing work array gives 2, status 0, the result cleared, the inputs kept
-// (and no leak, for LeakSanitizer); a failing conversion temporary changes
-// nothing.  NaN-filled memory gives the plain result: nothing reads work
-// memory before writing it.
+// A failing work array gives 2, status 0, the result cleared, the inputs kept,
+// no leak; a failing conversion temporary changes nothing; NaN-filled memory
+// gives the plain result (nothing reads work memory before writing it).
 TEST(AllocationFailures, EachAllocationOfEveryExportFailsInTurn) {
   for (int i = 0; i < static_cast<int>(E::Count); ++i) {
     const E e = static_cast<E>(i);
@@ -62,21 +61,17 @@ TEST(AllocationFailures, EachAllocationOfEveryExportFailsInTurn) {
 // Each family's calls twelve times on a thread of its own, each result that
 // of the serial call (run under ThreadSanitizer too).
 TEST(ExportConcurrency, FourFamiliesAtOnceMatchSerialCalls) {
-  const std::vector<std::vector<E>> families = {
-      {E::AllocMV, E::AllocIT, E::AllocSharpe},
-      {E::Returns, E::LogReturns, E::Cov, E::Corr},
-      {E::ExanteReturn, E::ExanteVolatility, E::ExanteNormalVaR, E::ExanteModifiedVaR,
-       E::ExpostReturn, E::ExpostVolatility, E::GaussianKernel},
-      {E::Simulation}};
-  std::vector<std::vector<CallData>> serial(families.size());
-  for (size_t f = 0; f < families.size(); ++f)
-    for (E e : families[f]) {
-      serial[f].emplace_back(e);
-      ASSERT_EQ(0, callExport(serial[f].back())) << exportName(e);
+  // allocation, modelling (not the nearness exports), analysis, simulation
+  const int families[4][2] = {{0, 3}, {3, 7}, {9, 16}, {16, 17}};
+  std::vector<std::vector<CallData>> serial(4);
+  for (int f = 0; f < 4; ++f)
+    for (int i = families[f][0]; i < families[f][1]; ++i) {
+      serial[f].emplace_back(static_cast<E>(i));
+      ASSERT_EQ(0, callExport(serial[f].back())) << exportName(E(i));
     }
-  std::vector<int> mismatches(families.size(), 0);
+  int mismatches[4] = {0, 0, 0, 0};
   std::vector<std::thread> threads;
-  for (size_t f = 0; f < families.size(); ++f)
+  for (int f = 0; f < 4; ++f)
     threads.emplace_back([&, f] {
       for (int round = 0; round < 12; ++round)
         for (const CallData& expected : serial[f]) {
@@ -85,5 +80,5 @@ TEST(ExportConcurrency, FourFamiliesAtOnceMatchSerialCalls) {
         }
     });
   for (std::thread& t : threads) t.join();
-  for (size_t f = 0; f < families.size(); ++f) EXPECT_EQ(0, mismatches[f]) << exportName(families[f][0]);
+  for (int f = 0; f < 4; ++f) EXPECT_EQ(0, mismatches[f]) << exportName(serial[f][0].e);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Dense kernels at their edges: bounds, the definiteness threshold and
-// certificate, and the negligible-element flush before the eigen-solver.
+// certificate, the negligible-element flush before the eigen-solver.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -36,14 +36,11 @@ TEST(MatrixKernels, BoundsOfTheSmallKernels) {
 }
 
 TEST(SpectralKernels, PositiveDefinitenessThresholdOnRealSchurParts) {
-  // The threshold is 1e-12f widened (9.99999996e-13), passed itself and by an
-  // eigenvalue below the double 1e-12; [1 -4; 4 1] passes on the real parts
-  // of 1 +- 4i; +inf has no real part to compare.
-  const struct {
-    double a, b;
-    int flag;
-  } cases[] = {{1.0, 0.0, 0}, {1e-13, 0.0, 1}, {double(1e-12f), 0.0, 0}, {9.99999998e-13, 0.0, 0},
-               {1.0, 4.0, 0}, {std::numeric_limits<double>::infinity(), 0.0, kInfoNotFiniteEigen}};
+  // The threshold 1e-12f widened (9.99999996e-13) passes, and so does 1e-12 - 2e-21;
+  // [1 -4; 4 1] passes on the real parts of 1 +- 4i; +inf has none.
+  const struct { double a, b; int flag; } cases[] = {
+      {1.0, 0.0, 0}, {1e-13, 0.0, 1}, {double(1e-12f), 0.0, 0}, {9.99999998e-13, 0.0, 0},
+      {1.0, 4.0, 0}, {std::numeric_limits<double>::infinity(), 0.0, kInfoNotFiniteEigen}};
   int iwork[2], flag = -1;
   double work[2 * 4 + 7 * 2];
   for (const auto& c : cases) {
@@ -63,12 +60,9 @@ TEST(SpectralKernels, NegligibleElementsAreFlushedSoExtremeRangesReturn) {
       {1.8389694997774519, 0, 0, 1.4625784394476086e+150, -1.7116482693438852e+307, 0,
        1.5844920790377577e-100, -1.6424352416829928e+100, 1.2426646183032549e-17}};
   const double edge[2][4] = {{-1.0, 0.0, 0.0, -0x1p-106}, {-1.0, 0.0, 0.0, -0x1p-107}};
-  const struct {
-    int n;
-    const double* A;
-    double w0, w1;
-  } cases[] = {{3, hung[0], -1999999993657846.8, 0.0}, {3, hung[1], -1.7116482693438852e+307, 0.0},
-               {2, edge[0], -1.0, -0x1p-106}, {2, edge[1], -1.0, 0.0}};
+  const struct { int n; const double* A; double w0, w1; } cases[] = {
+      {3, hung[0], -1999999993657846.8, 0.0}, {3, hung[1], -1.7116482693438852e+307, 0.0},
+      {2, edge[0], -1.0, -0x1p-106}, {2, edge[1], -1.0, 0.0}};
   int iwork[36], info = -9;
   double work[9 + 26 * 3], w[3], Z[9];  // the eigen workspace: n n + 26 n
   for (const auto& c : cases) {
@@ -84,11 +78,9 @@ TEST(SpectralKernels, DefiniteCertificateOnlyWhereTheSchurTestMustPass) {
   // about 1e-16.  Yes far above the threshold (the Schur test agrees), no at
   // or below it (the margin is positive), for one ulp of asymmetry, for NaN.
   const double t = kDefiniteThreshold;
-  const struct {
-    double smallest;
-    bool asymmetric, certified;
-  } cases[] = {{0.5, false, true},   {t, false, false},  {0.95 * t, false, false},
-               {-0.5, false, false}, {0.5, true, false}, {std::nan(""), false, false}};
+  const struct { double smallest; bool asymmetric, certified; } cases[] = {
+      {0.5, false, true},   {t, false, false},  {0.95 * t, false, false},
+      {-0.5, false, false}, {0.5, true, false}, {std::nan(""), false, false}};
   for (const int n : {2, 6, 40})
     for (const auto& c : cases) {
       SCOPED_TRACE(::testing::Message() << "n " << n << ", " << c.smallest << " " << c.asymmetric);

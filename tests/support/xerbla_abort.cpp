@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// LAPACK's argument-error handler for the test programs: the library's
-// prints its message and exits with status 0 (OpenBLAS's returns), so a test
-// handing a routine a bad argument would still pass.  This one, defined in
-// the executable, aborts; CTest fails any output holding the message too.
+// LAPACK's argument-error handler for the test programs.  The library's exits
+// with status 0 (OpenBLAS's returns), so a test handing a routine a bad argument
+// would pass; this one aborts.  CTest also fails any output with the message.
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
