@@ -1,163 +1,153 @@
 // SPDX-License-Identifier: Apache-2.0
-// The export calls shared by the bad-input, allocation-failure and
-// concurrency tests.
+// The export calls shared by the tests of the call frame.
 #include "export_cases.h"
 
+#include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "lumbra.h"
 
 namespace lumbra::testing {
+using E = Export;
 
 const char* exportName(Export e) {
-  switch (e) {
-    case Export::AllocMV: return "ORXallocMV";
-    case Export::AllocIT: return "ORXallocIT";
-    case Export::AllocSharpe: return "ORXallocSharpeRatio";
-    case Export::Returns: return "ORXmodelingReturns";
-    case Export::LogReturns: return "ORXmodelingLogReturns";
-    case Export::Cov: return "ORXmodelingCov";
-    case Export::Corr: return "ORXmodelingCorr";
-    case Export::SDLS: return "ORXmodelingSDLS";
-    case Export::SDLScorr: return "ORXmodelingSDLScorr";
-    case Export::ExanteReturn: return "ORXanalysisExanteReturn";
-    case Export::ExanteVolatility: return "ORXanalysisExanteVolatility";
-    case Export::ExanteNormalVaR: return "ORXanalysisExanteNormalVaR";
-    case Export::ExanteModifiedVaR: return "ORXanalysisExanteModifiedVaR";
-    case Export::ExpostReturn: return "ORXanalysisExpostReturn";
-    case Export::ExpostVolatility: return "ORXanalysisExpostVolatility";
-    case Export::GaussianKernel: return "ORXanalysisGaussianKernel";
-    case Export::Simulation: return "ORXsimulGeometricBrownianX";
-  }
-  return "";
+  static const char* const names[] = {
+      "ORXallocMV", "ORXallocIT", "ORXallocSharpeRatio", "ORXmodelingReturns",
+      "ORXmodelingLogReturns", "ORXmodelingCov", "ORXmodelingCorr", "ORXmodelingSDLS",
+      "ORXmodelingSDLScorr", "ORXanalysisExanteReturn", "ORXanalysisExanteVolatility",
+      "ORXanalysisExanteNormalVaR", "ORXanalysisExanteModifiedVaR", "ORXanalysisExpostReturn",
+      "ORXanalysisExpostVolatility", "ORXanalysisGaussianKernel", "ORXsimulGeometricBrownianX"};
+  return names[static_cast<int>(e)];
 }
 
-namespace {
-
-long positiveProduct(long a, long b) { return a > 0 && b > 0 ? a * b : 0; }
-
-}  // namespace
-
-long resultCount(Export e, const CallData& d) {
+CallData::CallData(Export e) : e(e) {
+  const Vec history = {0.01, 0.02, -0.02, 0.01, 0.015, -0.01, 0.0, 0.03, 0.005, -0.02};
+  const Vec cov2 = {0.04, 0.01, 0.01, 0.09}, series = {0.01, -0.02, 0.015, 0.0, 0.005};
   switch (e) {
-    case Export::AllocMV:
-    case Export::AllocIT:
-    case Export::AllocSharpe: return d.n > 0 ? d.n : 0;
-    case Export::Returns:
-    case Export::LogReturns: return positiveProduct(d.nSeries, long{d.nObs} - d.lag);
-    case Export::Cov:
-    case Export::Corr: return positiveProduct(d.nAssets, d.nAssets);
-    case Export::SDLS:
-    case Export::SDLScorr: return positiveProduct(d.nNear, d.nNear);
-    case Export::GaussianKernel: return d.nPoints > 0 ? d.nPoints : 0;
-    case Export::Simulation: return positiveProduct(d.nSim, d.steps);
+    case E::AllocMV: case E::AllocIT: case E::AllocSharpe:
+      // three assets, the budget as equality, w0 + w1 <= 0.9
+      counts = {{"n", 3}, {"nEq", 1}, {"nIneq", 1}};
+      real = {{"cov", {0.04, 0.01, 0.0, 0.01, 0.09, 0.02, 0.0, 0.02, 0.16}},
+              {"mu", {0.05, 0.08, 0.11}}, {"cons", {1.0, 1.0, 1.0, 0.0, 1.0, 1.0}},
+              {"rhs", {1.0, 0.9}}, {"lower", {0.0, 0.0, 0.0}}, {"upper", {1.0, 1.0, 1.0}}};
+      if (e == E::AllocMV) real["target"] = {0.07};
+      if (e == E::AllocIT)
+        real.insert({{"benchCov", {0.02, 0.03, 0.02}}, {"benchReturn", {0.06}}, {"excess", {0.01}}});
+      if (e == E::AllocSharpe) real["riskFree"] = {0.02};
+      break;
+    case E::Returns: case E::LogReturns:  // four prices of two assets
+      counts = {{"nObs", 4}, {"nSeries", 2}, {"lag", 1}};
+      real = {{"prices", {100.0, 50.0, 101.0, 49.5, 99.0, 50.5, 102.0, 51.0}}};
+      break;
+    case E::Cov: case E::Corr:  // five observations of two assets
+      counts = {{"nObs", 5}, {"nAssets", 2}}, real = {{"returns", history}};
+      break;
+    case E::SDLS:  // X(0,0) = 1 and -1 <= X(0,1) + X(1,0) <= 1
+      counts = {{"n", 2}, {"nEq", 1}, {"nIneq", 1}};
+      real = {{"eqMatrices", {1.0, 0.0, 0.0, 0.0}}, {"eqValues", {1.0}},
+              {"ineqMatrices", {0.0, 1.0, 1.0, 0.0}}, {"ineqLower", {-1.0}}, {"ineqUpper", {1.0}}};
+      [[fallthrough]];
+    case E::SDLScorr:
+      counts.insert({"n", 2});
+      real.insert({{"target", {1.0, 0.5, 0.5, 1.0}}, {"tolerance", {1e-8}}, {"eigenFloor", {0.0}}});
+      break;
+    case E::ExanteReturn: case E::ExanteVolatility: case E::ExanteNormalVaR:
+      counts = {{"n", 2}}, real = {{"weights", {0.5, 0.5}}};
+      if (e != E::ExanteVolatility) real["mu"] = {0.01, 0.02};
+      if (e != E::ExanteReturn) real["cov"] = cov2;
+      if (e == E::ExanteNormalVaR) real["level"] = {0.95};
+      break;
+    case E::ExanteModifiedVaR:
+      counts = {{"nObs", 5}, {"nAssets", 2}};
+      real = {{"weights", {0.5, 0.5}}, {"returns", history}, {"cov", cov2}, {"level", {0.95}}};
+      break;
+    case E::ExpostReturn: case E::ExpostVolatility:
+      counts = {{"n", 5}}, real = {{"series", series}};
+      break;
+    case E::GaussianKernel:
+      counts = {{"nObs", 5}, {"nPoints", 3}};
+      real = {{"data", series}, {"points", {-0.02, 0.0, 0.02}}};
+      break;
+    case E::Simulation:  // two assets, four time points
+      counts = {{"n", 2}, {"horizon", 1}, {"steps", 4}};
+      real = {{"start", {100.0, 50.0}}, {"drift", {0.05, 0.02}}, {"cov", {0.04, 0.0, 0.0, 0.09}}};
+      break;
+    case E::Count: break;
+  }
+}
+
+long resultCount(const CallData& d) {
+  auto c = [&](const char* name) { return long{d.counts.at(name)}; };
+  auto product = [](long a, long b) { return a > 0 && b > 0 ? a * b : 0; };
+  switch (d.e) {
+    case E::AllocMV: case E::AllocIT: case E::AllocSharpe: return std::max(c("n"), 0L);
+    case E::Returns: case E::LogReturns: return product(c("nSeries"), c("nObs") - c("lag"));
+    case E::Cov: case E::Corr: return product(c("nAssets"), c("nAssets"));
+    case E::SDLS: case E::SDLScorr: return product(c("n"), c("n"));
+    case E::GaussianKernel: return std::max(c("nPoints"), 0L);
+    case E::Simulation: return product(c("n"), c("steps"));
     default: return 1;
   }
 }
 
-int callExport(Export e, CallData& d) {
-  double* out = d.out.data();
-  int* st = &d.status;
-  switch (e) {
-    case Export::AllocMV:
-      return ORXallocMV(&d.n, d.cov.data(), d.mu.data(), &d.nEq, &d.nIneq, d.cons.data(),
-                        d.rhs.data(), d.lower.data(), d.upper.data(), &d.target, out, st);
-    case Export::AllocIT:
-      return ORXallocIT(&d.n, d.cov.data(), d.mu.data(), d.benchCov.data(), &d.benchReturn,
-                        &d.nEq, &d.nIneq, d.cons.data(), d.rhs.data(), d.lower.data(),
-                        d.upper.data(), &d.excess, out, st);
-    case Export::AllocSharpe:
-      return ORXallocSharpeRatio(&d.n, d.cov.data(), d.mu.data(), &d.nEq, &d.nIneq,
-                                 d.cons.data(), d.rhs.data(), d.lower.data(), d.upper.data(),
-                                 &d.riskFree, out, st);
-    case Export::Returns:
-      return ORXmodelingReturns(&d.nObs, &d.nSeries, d.prices.data(), &d.lag, out, st);
-    case Export::LogReturns:
-      return ORXmodelingLogReturns(&d.nObs, &d.nSeries, d.prices.data(), &d.lag, out, st);
-    case Export::Cov: return ORXmodelingCov(&d.nHist, &d.nAssets, d.hist.data(), out, st);
-    case Export::Corr: return ORXmodelingCorr(&d.nHist, &d.nAssets, d.hist.data(), out, st);
-    case Export::SDLS:
-      return ORXmodelingSDLS(&d.nNear, d.nearTarget.data(), &d.nNearEq, d.eqMatrices.data(),
-                             d.eqValues.data(), &d.nNearIneq, d.ineqMatrices.data(),
-                             d.ineqLower.data(), d.ineqUpper.data(), &d.tolerance,
-                             &d.eigenFloor, out, st);
-    case Export::SDLScorr:
-      return ORXmodelingSDLScorr(&d.nNear, d.nearTarget.data(), &d.tolerance, &d.eigenFloor,
-                                 out, st);
-    case Export::ExanteReturn:
-      return ORXanalysisExanteReturn(&d.nEx, d.exMu.data(), d.weights.data(), out, st);
-    case Export::ExanteVolatility:
-      return ORXanalysisExanteVolatility(&d.nEx, d.exCov.data(), d.weights.data(), out, st);
-    case Export::ExanteNormalVaR:
-      return ORXanalysisExanteNormalVaR(&d.nEx, d.exCov.data(), d.exMu.data(), d.weights.data(),
-                                        &d.level, out, st);
-    case Export::ExanteModifiedVaR:
-      return ORXanalysisExanteModifiedVaR(&d.nHist, &d.nAssets, d.weights.data(), d.hist.data(),
-                                          d.exCov.data(), &d.level, out, st);
-    case Export::ExpostReturn:
-      return ORXanalysisExpostReturn(&d.nSeriesObs, d.series.data(), out, st);
-    case Export::ExpostVolatility:
-      return ORXanalysisExpostVolatility(&d.nSeriesObs, d.series.data(), out, st);
-    case Export::GaussianKernel:
-      return ORXanalysisGaussianKernel(&d.nSeriesObs, &d.nPoints, d.series.data(),
-                                       d.points.data(), out, st);
-    case Export::Simulation:
-      return ORXsimulGeometricBrownianX(&d.nSim, &d.horizon, &d.steps, d.start.data(),
-                                        d.drift.data(), d.simCov.data(), out, st);
+int callExport(CallData& d) {
+  auto r = [&](const char* name) { return d[name].data(); };
+  auto c = [&](const char* name) { return &d(name); };
+  double* const out = d.out.data();
+  int* const st = &d.status;
+  switch (d.e) {
+    case E::AllocMV:
+      return ORXallocMV(c("n"), r("cov"), r("mu"), c("nEq"), c("nIneq"), r("cons"), r("rhs"),
+                        r("lower"), r("upper"), r("target"), out, st);
+    case E::AllocIT:
+      return ORXallocIT(c("n"), r("cov"), r("mu"), r("benchCov"), r("benchReturn"), c("nEq"),
+                        c("nIneq"), r("cons"), r("rhs"), r("lower"), r("upper"), r("excess"), out,
+                        st);
+    case E::AllocSharpe:
+      return ORXallocSharpeRatio(c("n"), r("cov"), r("mu"), c("nEq"), c("nIneq"), r("cons"),
+                                 r("rhs"), r("lower"), r("upper"), r("riskFree"), out, st);
+    case E::Returns: return ORXmodelingReturns(c("nObs"), c("nSeries"), r("prices"), c("lag"), out, st);
+    case E::LogReturns:
+      return ORXmodelingLogReturns(c("nObs"), c("nSeries"), r("prices"), c("lag"), out, st);
+    case E::Cov: return ORXmodelingCov(c("nObs"), c("nAssets"), r("returns"), out, st);
+    case E::Corr: return ORXmodelingCorr(c("nObs"), c("nAssets"), r("returns"), out, st);
+    case E::SDLS:
+      return ORXmodelingSDLS(c("n"), r("target"), c("nEq"), r("eqMatrices"), r("eqValues"),
+                             c("nIneq"), r("ineqMatrices"), r("ineqLower"), r("ineqUpper"),
+                             r("tolerance"), r("eigenFloor"), out, st);
+    case E::SDLScorr:
+      return ORXmodelingSDLScorr(c("n"), r("target"), r("tolerance"), r("eigenFloor"), out, st);
+    case E::ExanteReturn: return ORXanalysisExanteReturn(c("n"), r("mu"), r("weights"), out, st);
+    case E::ExanteVolatility: return ORXanalysisExanteVolatility(c("n"), r("cov"), r("weights"), out, st);
+    case E::ExanteNormalVaR:
+      return ORXanalysisExanteNormalVaR(c("n"), r("cov"), r("mu"), r("weights"), r("level"), out, st);
+    case E::ExanteModifiedVaR:
+      return ORXanalysisExanteModifiedVaR(c("nObs"), c("nAssets"), r("weights"), r("returns"),
+                                          r("cov"), r("level"), out, st);
+    case E::ExpostReturn: return ORXanalysisExpostReturn(c("n"), r("series"), out, st);
+    case E::ExpostVolatility: return ORXanalysisExpostVolatility(c("n"), r("series"), out, st);
+    case E::GaussianKernel:
+      return ORXanalysisGaussianKernel(c("nObs"), c("nPoints"), r("data"), r("points"), out, st);
+    case E::Simulation:
+      return ORXsimulGeometricBrownianX(c("n"), c("horizon"), c("steps"), r("start"), r("drift"),
+                                        r("cov"), out, st);
+    case E::Count: break;
   }
   return -1;
 }
 
-namespace {
-
-bool sameBits(const std::vector<double>& a, const std::vector<double>& b) {
-  return a.size() == b.size() &&
-         (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0);
-}
-
-bool sameBits(double a, double b) { return std::memcmp(&a, &b, sizeof a) == 0; }
-
-}  // namespace
-
-bool sameInputs(const CallData& a, const CallData& b) {
-  const std::vector<double> CallData::*arrays[] = {
-      &CallData::cov,        &CallData::mu,         &CallData::benchCov,  &CallData::cons,
-      &CallData::rhs,        &CallData::lower,      &CallData::upper,     &CallData::prices,
-      &CallData::hist,       &CallData::nearTarget, &CallData::eqMatrices, &CallData::eqValues,
-      &CallData::ineqMatrices, &CallData::ineqLower, &CallData::ineqUpper, &CallData::exCov,
-      &CallData::exMu,       &CallData::weights,    &CallData::series,    &CallData::points,
-      &CallData::start,      &CallData::drift,      &CallData::simCov};
-  for (auto field : arrays)
-    if (!sameBits(a.*field, b.*field)) return false;
-  const double CallData::*scalars[] = {&CallData::target,    &CallData::benchReturn,
-                                       &CallData::excess,    &CallData::riskFree,
-                                       &CallData::tolerance, &CallData::eigenFloor,
-                                       &CallData::level};
-  for (auto field : scalars)
-    if (!sameBits(a.*field, b.*field)) return false;
-  const int CallData::*counts[] = {
-      &CallData::n,      &CallData::nEq,        &CallData::nIneq,     &CallData::nObs,
-      &CallData::nSeries, &CallData::lag,       &CallData::nHist,     &CallData::nAssets,
-      &CallData::nNear,  &CallData::nNearEq,    &CallData::nNearIneq, &CallData::nEx,
-      &CallData::nSeriesObs, &CallData::nPoints, &CallData::nSim,     &CallData::horizon,
-      &CallData::steps};
-  for (auto field : counts)
-    if (a.*field != b.*field) return false;
-  return true;
-}
-
-Outcome runCase(Export e, CallData& d) {
-  const CallData before = d;
+Outcome runCase(CallData& d) {
+  CallData before = d;
   Outcome o;
-  o.ret = callExport(e, d);
+  o.ret = callExport(d);
   o.status = d.status;
-  const long count = resultCount(e, d);
-  for (long k = 0; k < count && k < static_cast<long>(d.out.size()); ++k) {
+  const long count = std::min<long>(resultCount(d), static_cast<long>(d.out.size()));
+  for (long k = 0; k < count; ++k) {
     o.finite = o.finite && std::isfinite(d.out[k]);
     o.cleared = o.cleared && d.out[k] == 0.0;
   }
-  o.inputsKept = sameInputs(before, d);
+  before.out = d.out, before.status = d.status;
+  o.inputsKept = before == d;
   return o;
 }
 

@@ -1,86 +1,84 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every allocation of every export made to fail in turn, the work arrays
-// and the layout-conversion temporaries alike, on memory that the test
-// allocator fills with NaN.  A failing work array ends the call with 2, the
-// outputs cleared and the inputs as they were; a failing conversion
-// temporary changes nothing, since the conversion then moves the elements in
-// place.  The successful calls on NaN-filled memory give the same result as
-// on ordinary memory, so no path reads work memory before writing it.
+// Every export with each of its allocations failing in turn, and exports of
+// every family called from four threads at once.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "export_cases.h"
 #include "test_support.h"
 
 using namespace lumbra::testing;
+using E = Export;
 
 namespace {
 
-// The work arrays an export obtains before anything else: an integer and a
-// real one for the allocators, the nearness exports and the simulation, a
-// real one for the covariance, the correlation and the modified VaR.
-int workArrays(Export e) {
-  switch (e) {
-    case Export::AllocMV:
-    case Export::AllocIT:
-    case Export::AllocSharpe:
-    case Export::SDLS:
-    case Export::SDLScorr:
-    case Export::Simulation: return 2;
-    case Export::Cov:
-    case Export::Corr:
-    case Export::ExanteModifiedVaR: return 1;
-    default: return 0;
-  }
-}
+// The work arrays each export obtains first (integer, real), in enum order.
+constexpr int kWorkArrays[] = {2, 2, 2, 0, 0, 1, 1, 2, 2, 0, 0, 0, 1, 0, 0, 0, 2};
 
-// Same return, status and result bits; the simulation draws fresh variates
-// each time, so only its status and finiteness can agree.
-void expectSameCall(Export e, const CallData& expected, int expectedRet, const CallData& d,
-                    int ret, const std::string& what) {
-  EXPECT_EQ(expectedRet, ret) << exportName(e) << " " << what;
-  EXPECT_EQ(expected.status, d.status) << exportName(e) << " " << what;
-  const long count = resultCount(e, d);
-  for (long k = 0; k < count; ++k) {
-    if (e == Export::Simulation)
-      EXPECT_TRUE(std::isfinite(d.out[k])) << what;
-    else
-      EXPECT_BITEQ(expected.out[k], d.out[k]) << exportName(e) << " " << what << " element " << k;
-  }
+// Same status and result bits (fresh variates: simulated paths only finite).
+bool sameCall(const CallData& expected, const CallData& d) {
+  auto finite = [](double x) { return std::isfinite(x); };
+  return d.status == expected.status &&
+         (d.e == E::Simulation ? std::all_of(d.out.begin(), d.out.end(), finite) : d.out == expected.out);
 }
 
 }  // namespace
 
+// A failing work array gives 2, status 0, the result cleared, the inputs kept,
+// no leak; a failing conversion temporary changes nothing; NaN-filled memory
+// gives the plain result (nothing reads work memory before writing it).
 TEST(AllocationFailures, EachAllocationOfEveryExportFailsInTurn) {
-  for (Export e : kAllExports) {
-    CallData plain;
-    const int plainRet = callExport(e, plain);
-    CallData filled;
-    int total = 0, filledRet = 0;
+  for (int i = 0; i < static_cast<int>(E::Count); ++i) {
+    const E e = static_cast<E>(i);
+    SCOPED_TRACE(exportName(e));
+    CallData plain(e), filled(e);
+    const int ret = callExport(plain);
+    int total = 0;
     {
-      FailingAllocator none(1 << 20);  // never fails, fills with NaN
-      filledRet = callExport(e, filled);
+      FailingAllocator never(1 << 20);
+      EXPECT_EQ(ret, callExport(filled));
       total = FailingAllocator::requests();
     }
-    expectSameCall(e, plain, plainRet, filled, filledRet, "on NaN-filled work memory");
-    EXPECT_GE(total, workArrays(e)) << exportName(e);
+    EXPECT_TRUE(sameCall(plain, filled));
+    EXPECT_GE(total, kWorkArrays[i]);
     for (int k = 0; k < total; ++k) {
-      CallData d;
-      Outcome o;
-      {
-        FailingAllocator failing(k);
-        o = runCase(e, d);
-      }
-      const std::string what = "allocation " + std::to_string(k) + " of " + std::to_string(total);
-      EXPECT_TRUE(o.inputsKept) << exportName(e) << " " << what;
-      if (k < workArrays(e)) {
-        EXPECT_EQ(2, o.ret) << exportName(e) << " " << what;
-        EXPECT_EQ(0, o.status) << exportName(e) << " " << what;
-        EXPECT_TRUE(o.cleared) << exportName(e) << " " << what;
-      } else {
-        expectSameCall(e, plain, plainRet, d, o.ret, what + " (a conversion temporary)");
-      }
+      SCOPED_TRACE("allocation " + std::to_string(k) + " of " + std::to_string(total));
+      CallData d(e);
+      FailingAllocator failing(k);
+      const Outcome o = runCase(d);
+      EXPECT_TRUE(o.inputsKept);
+      EXPECT_TRUE(k < kWorkArrays[i] ? o.ret == 2 && o.status == 0 && o.cleared
+                                     : o.ret == ret && sameCall(plain, d)) << o.ret << " " << o.status;
     }
   }
+}
+
+// Each family's calls twelve times on a thread of its own, each result that
+// of the serial call (run under ThreadSanitizer too).
+TEST(ExportConcurrency, FourFamiliesAtOnceMatchSerialCalls) {
+  // allocation, modelling (not the nearness exports), analysis, simulation
+  const int families[4][2] = {{0, 3}, {3, 7}, {9, 16}, {16, 17}};
+  std::vector<std::vector<CallData>> serial(4);
+  for (int f = 0; f < 4; ++f)
+    for (int i = families[f][0]; i < families[f][1]; ++i) {
+      serial[f].emplace_back(static_cast<E>(i));
+      ASSERT_EQ(0, callExport(serial[f].back())) << exportName(E(i));
+    }
+  int mismatches[4] = {0, 0, 0, 0};
+  std::vector<std::thread> threads;
+  for (int f = 0; f < 4; ++f)
+    threads.emplace_back([&, f] {
+      for (int round = 0; round < 12; ++round)
+        for (const CallData& expected : serial[f]) {
+          CallData d(expected.e);
+          mismatches[f] += callExport(d) == 0 && sameCall(expected, d) ? 0 : 1;
+        }
+    });
+  for (std::thread& t : threads) t.join();
+  for (int f = 0; f < 4; ++f) EXPECT_EQ(0, mismatches[f]) << exportName(serial[f][0].e);
 }

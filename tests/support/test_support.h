@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // Shared helpers of the test suite: bit-exact comparison with hexadecimal
-// output, and a failing allocator for the allocation-failure paths.
+// output, the test of which BLAS is loaded, and a failing allocator.
 #pragma once
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstdio>
 #include <string>
 
 namespace lumbra::testing {
 
-// "%a" rendering of a double, for failure messages of exact comparisons.
-inline std::string hex(double v) {
+inline std::string hex(double v) {  // "%a", for messages of exact comparisons
   char buf[64];
   std::snprintf(buf, sizeof buf, "%a", v);
   return buf;
@@ -21,24 +19,18 @@ inline std::string hex(double v) {
 inline ::testing::AssertionResult bitEqual(double expected, double actual) {
   if (expected == actual || (expected != expected && actual != actual))
     return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure()
-         << "expected " << hex(expected) << " (" << expected << "), got " << hex(actual) << " ("
-         << actual << ")";
+  return ::testing::AssertionFailure() << "expected " << hex(expected) << " (" << expected
+                                       << "), got " << hex(actual) << " (" << actual << ")";
 }
-
 #define EXPECT_BITEQ(expected, actual) EXPECT_TRUE(::lumbra::testing::bitEqual((expected), (actual)))
 
-// True when the BLAS in this process is the reference implementation (no
-// OpenBLAS, MKL, BLIS or ATLAS mapped).  Tests whose expectation turns on
-// last-bit rounding inside BLAS calls (a rank decision on an exactly
-// singular matrix, say) check that expectation only there.
+// True when the BLAS in this process is the reference one (no OpenBLAS, MKL,
+// BLIS or ATLAS mapped): expectations that turn on its last bits hold there.
 bool referenceBlas();
 
-// While one of these lives, the library's allocations succeed for the first
-// `successes` requests and fail from then on (the conversion temporaries
-// included).  The memory it hands out is filled with NaN, so that a path
-// reading work memory before writing it shows.  Not reentrant: use from
-// one test thread.
+// While one lives, the library's first `successes` allocations succeed, on
+// memory filled with NaN (a path reading work memory before writing it
+// shows), and the later ones fail.  Not reentrant.
 struct FailingAllocator {
   explicit FailingAllocator(int successes);
   ~FailingAllocator();
