@@ -55,6 +55,8 @@ LIST = [
     ("K11", "src/kernels/kernels.cpp", "* kNegligibleInverse < largest) A[at(i, j, n)] = 0.0;",
      "* kNegligibleInverse <= largest) A[at(i, j, n)] = 0.0;",
      "negligible elements flushed at the edge too"),
+    ("K12", "src/kernels/kernels.cpp", "for (i64 k = 0; k < count; ++k)\n    if (!std::isfinite(x[k]))",
+     "for (i64 k = 1; k < count; ++k)\n    if (!std::isfinite(x[k]))", "finiteness scan skips the first element"),
     # ---- stats
     ("S01", "src/stats/modified_var.cpp",
      "  const float f = static_cast<float>(T);\n"
@@ -261,6 +263,10 @@ LIST = [
      "if (status > 0) return kReturnOk;", "warning status returned as success"),
     ("P12", "src/api/frame.cpp", "double* tmp = spareCount >= count ? spare : nullptr;",
      "double* tmp = spareCount > count ? spare : nullptr;", "spare work exactly the size refused"),
+    ("P13", "src/api/frame.cpp", "if (status < 0) return kReturnFailure;",
+     "if (status < -2) return kReturnFailure;", "statuses -1 and -2 returned as success"),
+    ("P14", "src/api/exports_analysis.cpp", "!(points[i - 1] <= points[i])",
+     "!(points[i - 1] < points[i])", "kernel density: equal points refused"),
 ]
 MUTANTS = [dict(zip(("id", "file", "find", "replace", "description"), m)) for m in LIST]
 FAILED_LINE = re.compile(r"^\s*\d+\s+-\s+(\S+)\s+\(([^()]*)\)\s*$")
