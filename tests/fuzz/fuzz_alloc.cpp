@@ -62,7 +62,7 @@ Problem decode(Input& in) {
 }
 
 int call(Problem& p, std::vector<double>& w, int& status) {
-  double* wp = w.empty() ? Array{}.data() : w.data();
+  double* wp = outPtr(w);
   switch (p.kind) {
     case kMV:
       return ORXallocMV(&p.n, p.cov.data(), p.mu.data(), &p.nEq, &p.nIneq, p.cons.data(), p.rhs.data(),
@@ -161,9 +161,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fail(name, "a scalar argument changed");
   checkFrame(name, ret, status, p.kind == kIT ? 14 : 12, {&w});
   checkCovRestored(name, given.cov, p.cov, p.n > 0 ? p.n : 0);
-  for (auto [a, b] : {std::pair{&given.mu, &p.mu}, {&given.benchCov, &p.benchCov}, {&given.cons, &p.cons},
-                      {&given.rhs, &p.rhs}, {&given.lower, &p.lower}, {&given.upper, &p.upper}})
-    checkRestored(name, *a, *b);
+  checkRestored(name, {{&given.mu, &p.mu}, {&given.benchCov, &p.benchCov}, {&given.cons, &p.cons},
+                       {&given.rhs, &p.rhs}, {&given.lower, &p.lower}, {&given.upper, &p.upper}});
   if (ret == 0 && inputsFinite(p)) checkPortfolio(p, w);
   return 0;
 }

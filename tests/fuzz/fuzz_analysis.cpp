@@ -20,8 +20,6 @@
 namespace lumbra::fuzz {
 namespace {
 
-long pos(long v) { return v > 0 ? v : 0; }
-
 // One scalar result and its status, checked against the frame.
 struct Scalar {
   std::vector<double> r{1.0};
@@ -53,8 +51,7 @@ void fuzzExante(Input& in, int which) {
     nArgs = 7;
   }
   checkFrame(name, ret, s.status, nArgs, {&s.r});
-  const Array* after[] = {&cov, &mu, &weights};
-  for (int k = 0; k < 3; ++k) checkRestored(name, given[k], *after[k]);
+  checkRestored(name, {{&given[0], &cov}, {&given[1], &mu}, {&given[2], &weights}});
   if (which == 1 && ret == 0 && s.r[0] < 0.0) fail(name, "negative volatility");
 }
 
@@ -71,8 +68,7 @@ void fuzzModifiedVaR(Input& in) {
   const int ret = ORXanalysisExanteModifiedVaR(&nObs, &nAssets, weights.data(), returns.data(), cov.data(),
                                                &level, s.r.data(), &s.status);
   checkFrame(name, ret, s.status, 8, {&s.r});
-  const Array* after[] = {&weights, &returns, &cov};
-  for (int k = 0; k < 3; ++k) checkRestored(name, given[k], *after[k]);
+  checkRestored(name, {{&given[0], &weights}, {&given[1], &returns}, {&given[2], &cov}});
 }
 
 void fuzzExpost(Input& in, bool volatility) {
@@ -85,7 +81,7 @@ void fuzzExpost(Input& in, bool volatility) {
   const int ret = volatility ? ORXanalysisExpostVolatility(&n, series.data(), s.r.data(), &s.status)
                              : ORXanalysisExpostReturn(&n, series.data(), s.r.data(), &s.status);
   checkFrame(name, ret, s.status, 4, {&s.r});
-  checkRestored(name, given, series);
+  checkRestored(name, {{&given, &series}});
   if (volatility && ret == 0 && s.r[0] < 0.0) fail(name, "negative volatility");
 }
 
@@ -100,11 +96,10 @@ void fuzzKernel(Input& in) {
   const Array given[] = {data, points};
   std::vector<double> result(pos(nPoints), 1.0);
   int status = -7777;
-  double* out = result.empty() ? Array{}.data() : result.data();
+  double* out = outPtr(result);
   const int ret = ORXanalysisGaussianKernel(&nObs, &nPoints, data.data(), points.data(), out, &status);
   checkFrame(name, ret, status, 6, {&result});
-  checkRestored(name, given[0], data);
-  checkRestored(name, given[1], points);
+  checkRestored(name, {{&given[0], &data}, {&given[1], &points}});
   if (ret == 0)
     for (double d : result)
       if (d < 0.0) fail(name, "negative density");

@@ -25,6 +25,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
+#include <utility>
 #include <vector>
 
 namespace lumbra::fuzz {
@@ -91,6 +93,12 @@ struct Array {
     return null ? nullptr : (v.empty() ? empty : v.data());
   }
 };
+
+// The element count a size argument stands for: 0 when it is negative.
+inline long pos(long v) { return v > 0 ? v : 0; }
+
+// The output pointer handed to an export: a zero-byte block when empty.
+inline double* outPtr(std::vector<double>& r) { return r.empty() ? Array{}.data() : r.data(); }
 
 // Builds an array of count doubles decoded from the input.
 inline Array readArray(Input& in, long count, bool null) {
@@ -163,9 +171,10 @@ inline void checkFrame(const char* name, int ret, int status, int nArgs,
   }
 }
 
-// An input array that must come back bit for bit as it was given.
-inline void checkRestored(const char* name, const Array& before, const Array& after) {
-  if (!sameBits(before.v, after.v)) fail(name, "input array not restored bit for bit");
+// Input arrays that must come back bit for bit as given: (before, after) pairs.
+inline void checkRestored(const char* name, std::initializer_list<std::pair<const Array*, const Array*>> arrays) {
+  for (auto [before, after] : arrays)
+    if (!sameBits(before->v, after->v)) fail(name, "input array not restored bit for bit");
 }
 
 }  // namespace lumbra::fuzz

@@ -23,8 +23,6 @@ namespace {
 // by a product of square roots may exceed 1 by a few units in the last place.
 constexpr double kCorrSlack = 1e-12;
 
-long pos(long v) { return v > 0 ? v : 0; }
-
 void fuzzReturns(Input& in, bool logarithmic) {
   const char* name = logarithmic ? "ORXmodelingLogReturns" : "ORXmodelingReturns";
   const int nullAt = in.nullAt();
@@ -37,11 +35,11 @@ void fuzzReturns(Input& in, bool logarithmic) {
   const long rows = static_cast<long>(nObs) - lag;
   std::vector<double> result(nSeries >= 0 && rows >= 0 ? nSeries * rows : 0, 1.0);
   int status = -7777;
-  double* out = result.empty() ? Array{}.data() : result.data();
+  double* out = outPtr(result);
   const int ret = logarithmic ? ORXmodelingLogReturns(&nObs, &nSeries, prices.data(), &lag, out, &status)
                               : ORXmodelingReturns(&nObs, &nSeries, prices.data(), &lag, out, &status);
   checkFrame(name, ret, status, 6, {&result});
-  checkRestored(name, given, prices);
+  checkRestored(name, {{&given, &prices}});
 }
 
 void fuzzCovariance(Input& in, bool correlation) {
@@ -52,11 +50,11 @@ void fuzzCovariance(Input& in, bool correlation) {
   const Array given = returns;
   std::vector<double> result(pos(nAssets) * pos(nAssets), 1.0);
   int status = -7777;
-  double* out = result.empty() ? Array{}.data() : result.data();
+  double* out = outPtr(result);
   const int ret = correlation ? ORXmodelingCorr(&nObs, &nAssets, returns.data(), out, &status)
                               : ORXmodelingCov(&nObs, &nAssets, returns.data(), out, &status);
   checkFrame(name, ret, status, 5, {&result});
-  checkRestored(name, given, returns);
+  checkRestored(name, {{&given, &returns}});
   if (ret != 0) return;
   for (int i = 0; i < nAssets; ++i) {
     if (!correlation && result[i * nAssets + i] < 0.0) fail(name, "negative variance");
@@ -81,13 +79,13 @@ void fuzzSdls(Input& in) {
   const Array given[] = {target, eqMatrices, eqValues, ineqMatrices, ineqLower, ineqUpper};
   std::vector<double> result(pos(n) * pos(n), 1.0);
   int status = -7777;
-  double* out = result.empty() ? Array{}.data() : result.data();
+  double* out = outPtr(result);
   const int ret = ORXmodelingSDLS(&n, target.data(), &nEq, eqMatrices.data(), eqValues.data(), &nIneq,
                                   ineqMatrices.data(), ineqLower.data(), ineqUpper.data(), &tolerance,
                                   &eigenFloor, out, &status);
   checkFrame(name, ret, status, 13, {&result});
-  const Array* after[] = {&target, &eqMatrices, &eqValues, &ineqMatrices, &ineqLower, &ineqUpper};
-  for (int k = 0; k < 6; ++k) checkRestored(name, given[k], *after[k]);
+  checkRestored(name, {{&given[0], &target}, {&given[1], &eqMatrices}, {&given[2], &eqValues},
+                       {&given[3], &ineqMatrices}, {&given[4], &ineqLower}, {&given[5], &ineqUpper}});
 }
 
 void fuzzSdlsCorr(Input& in) {
@@ -99,10 +97,10 @@ void fuzzSdlsCorr(Input& in) {
   const Array given = target;
   std::vector<double> result(pos(n) * pos(n), 1.0);
   int status = -7777;
-  double* out = result.empty() ? Array{}.data() : result.data();
+  double* out = outPtr(result);
   const int ret = ORXmodelingSDLScorr(&n, target.data(), &tolerance, &eigenFloor, out, &status);
   checkFrame(name, ret, status, 6, {&result});
-  checkRestored(name, given, target);
+  checkRestored(name, {{&given, &target}});
 }
 
 }  // namespace

@@ -27,8 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const int ret =
       ORXsimulGeometricBrownianX(&n, &horizon, &steps, start.data(), drift.data(), cov.data(), paths.data(), &status);
   checkFrame(name, ret, status, 8, {&paths});
-  const Array* after[] = {&start, &drift, &cov};
-  for (int k = 0; k < 3; ++k) checkRestored(name, given[k], *after[k]);
+  checkRestored(name, {{&given[0], &start}, {&given[1], &drift}, {&given[2], &cov}});
   if (ret == 0)
     for (int i = 0; i < n; ++i)
       if (std::memcmp(&paths[i], &start.v[i], sizeof(double)) != 0) fail(name, "first row is not the start");
