@@ -122,11 +122,11 @@ for n, m, p, floor in [(1, 0, 0, 0.0), (12, 0, 0, 0.3), (4, 2, 0, 0.0), (6, 4, 0
     compare(f"n={n} m={m} p={p} floor={floor}", matrix(rng.normal(size=(n, n))), A,
             [np.trace(Ai @ X0) for Ai in A], B, mid - width, mid + width, floor)
 
-# Missed constraints end in the verification (-1109 equality, -1110 inequality), the
-# result written: contradicting equalities (X(0,0) = 1.5 misses both), a negative diagonal.
+# Missed constraints end in the verification (-1109 equality, -1110 inequality), the result
+# written: contradicting equalities on -X(0,0) (both missed from below), a negative diagonal.
 n, C = 4, matrix(symmetric(4))
 for tag, args, expected in [
-        ("contradicting equalities", ([unit(n, 0, 0)] * 2, [1.0, 2.0], [], [], []), -1109),
+        ("contradicting equalities", ([-unit(n, 0, 0)] * 2, [1.0, 2.0], [], [], []), -1109),
         ("negative diagonal", ([], [], [unit(n, 1, 1)], [-2.0], [-1.0]), -1110)]:
     code, status, X = sdls(C, *args, 1e-8, 0.0)
     check((code, status) == (5, expected) and X.any(), f"{tag}: {code} {status}")
