@@ -30,5 +30,4 @@ def u():
     prices = 100.0 * np.cumprod(1.0 + np.vstack([np.zeros(4), rets]), axis=0)
     dates = pd.bdate_range("2024-01-01", periods=251)
     return {"returns": rets, "prices": prices, "cov": np.cov(rets.T), "mu": rets.mean(axis=0),
-            "P": pd.DataFrame(prices, index=dates, columns=ASSETS),
-            "R": pd.DataFrame(rets, index=dates[1:], columns=ASSETS)}
+            "P": pd.DataFrame(prices, dates, ASSETS), "R": pd.DataFrame(rets, dates[1:], ASSETS)}

@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Every wrapper against the export it wraps, bit for bit (the same data reach
-the same code), and against numpy (allocators: tests/python/test_alloc_cvxopt.py)."""
+"""Every wrapper against the export it wraps, bit for bit, and against numpy."""
 import numpy as np
 import pytest
 
@@ -57,8 +56,7 @@ def test_wrapper_reproduces_its_export(u, wrapper, export, args):
 
 def test_returns_paths_and_version(u):
     p, start = u["prices"], np.array([10.0, 20.0, 30.0, 40.0])
-    # One rounding per quotient (and logarithm) away from numpy; references of
-    # the statistics are in tests/python/test_stats_reference.py.
+    # One rounding per quotient (and logarithm) away from numpy.
     np.testing.assert_allclose(lumbra.returns(p, 3), p[3:] / p[:-3] - 1.0, 1e-12, 1e-15)
     np.testing.assert_allclose(lumbra.log_returns(p), np.log(p[1:] / p[:-1]), 1e-12, 1e-15)
     # Paths start at the start; without a horizon every row is the start.

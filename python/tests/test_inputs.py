@@ -1,7 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Inputs as Python users hold them: other dtypes and layouts, pandas objects
-(labels kept, aligned by label), bad input refused before the call; the
-caller's arrays are never modified."""
+"""Inputs in other layouts and as pandas objects; the caller's arrays untouched."""
 import numpy as np
 import pandas as pd
 import pytest
@@ -32,7 +30,7 @@ def test_layouts_and_pandas_labels(u):
 
 
 def test_inputs_are_never_modified(u):
-    """The library converts inputs in place and symmetrises cov: copies only."""
+    # The library converts inputs in place and symmetrises cov: copies only.
     cov, w = u["cov"].copy(), np.full(4, 0.25)
     cov[0, 1] += 1e-9  # not symmetric: an allocator would rebuild it
     mu, r, p, a_ub = u["mu"].copy(), u["returns"].copy(), u["prices"].copy(), np.eye(4)[:1]

@@ -1,6 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Risk statistics through the exports against scipy, numpy and a
-Cornish-Fisher evaluation from the portfolio series."""
+"""Risk statistics through the exports against scipy, numpy and Cornish-Fisher."""
 import math
 import os
 import sys
@@ -33,9 +32,8 @@ for level in [1e-9, 1e-8, 1e-5, 0.01, 0.05, 0.25, 0.5, 0.6, 0.9, 0.99, 0.9999999
 
 rng = np.random.default_rng(20261123)
 
-# Covariance and correlation of row-major tables, small and across the tiles,
-# against numpy with the single-precision scale 1/(T-1), 1e-13 relative to the
-# largest entry.  A constant asset has zero correlations and warns (6, 5).
+# Covariance (single-precision scale 1/(T-1)) and correlation against numpy, 1e-13
+# relative to the largest entry, across the tiles; a constant asset warns (6, 5).
 for T, n in [(2, 1), (40, 9), (130, 70)]:
     X = matrix(rng.uniform(-0.01, 0.01, (T, n)))
     cov, corr, D = np.zeros((n, n)), np.zeros((n, n)), X - X.mean(axis=0)
@@ -50,18 +48,16 @@ code, status = call("ORXmodelingCorr", i32(T), i32(n), arr(X), arr(corr))
 check((code, status) == (6, 5) and not np.delete(corr[3], 3).any() and corr[3, 3] == 1.0,
       f"constant asset: code {code} status {status}")
 
-# Ex-post volatility against numpy (ddof = 1), 1e-13 for the one-pass formula;
-# on constant non-dyadic series its variance has either sign: negative is
-# floored to 0 (never NaN), positive stays (0.1 five times).
+# Ex-post volatility against numpy (ddof = 1), 1e-13 for the one-pass formula; a
+# constant series' variance has either sign: negative floored to 0, positive kept.
 x = rng.normal(0.001, 0.02, 500)
 for x, want in [(x, x.std(ddof=1)), (np.full(5, 0.7), 0.0),
                 (np.full(5, 0.1), math.sqrt(1.734723475976807e-18))]:
     code, status = call("ORXanalysisExpostVolatility", i32(len(x)), arr(x), arr(res))
     check(code == status == 0 and abs(res[0] - want) <= 1e-13 * want, f"ex-post {x[0]}: {res[0]!r}")
 
-# Denominator floors: 1e-30 for simple returns, the widened single-precision
-# 1e-15 (1.0000000036e-15) for log returns, which stops at 1.000000002e-15
-# (return 5, status -103): the values before the stop, the rest cleared.
+# Floors 1e-30 (simple) and single-precision 1e-15 = 1.0000000036e-15 (log: stops
+# at 1.000000002e-15, return 5, status -103, the values before the stop kept).
 for name, want in [("ORXmodelingReturns", (0, 0)), ("ORXmodelingLogReturns", (5, -103))]:
     out = np.full(2, -1.0)
     got = call(name, i32(3), i32(1), arr(matrix([1.0, 1.000000002e-15, 2.0])), i32(1), arr(out))
@@ -70,9 +66,7 @@ for name, want in [("ORXmodelingReturns", (0, 0)), ("ORXmodelingLogReturns", (5,
 
 
 def modified_var(R, V, w, level):
-    """Cornish-Fisher VaR: series variance with the single-precision 1/(T-1),
-    skewness and kurtosis normalised by the given V, single-precision
-    small-sample factors and fractions."""
+    """Cornish-Fisher VaR, moments normalised by V, single-precision factors."""
     T, f, one, p, vv = R.shape[0], f32(R.shape[0]), f32(1), R @ w, w @ V @ w
     c = p - p.mean()
     S = np.mean(c ** 3) / vv ** 1.5
@@ -84,8 +78,7 @@ def modified_var(R, V, w, level):
         -z + (z * z - 1) * S * c6 - (z ** 3 - 3 * z) * K * c24 + (2 * z ** 3 - 5 * z) * S * S * c36)
 
 
-# Heavy-tailed histories, T = 4 to 400 (where the single-precision kurtosis
-# factors leave the double ones), 1e-12 relative; the returns are unchanged.
+# Heavy tails, T = 4 to 400 (single-precision factors matter), 1e-12 relative.
 for T, n in [(4, 1), (13, 3), (60, 5), (400, 3)]:
     R = matrix(rng.standard_t(4, size=(T, n)) * 0.01 + 0.0005)
     V = matrix(np.cov(R.T) * 1.3 + np.eye(n) * 1e-5) if n > 1 else matrix([[1.5e-4]])
