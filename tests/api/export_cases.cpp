@@ -11,9 +11,8 @@ namespace lumbra::testing {
 using E = Export;
 
 const char* exportName(Export e) {
-  static const char* const names[] = {
-      "ORXallocMV", "ORXallocIT", "ORXallocSharpeRatio", "ORXmodelingReturns",
-      "ORXmodelingLogReturns", "ORXmodelingCov", "ORXmodelingCorr", "ORXmodelingSDLS",
+  static const char* const names[] = {"ORXallocMV", "ORXallocIT", "ORXallocSharpeRatio",
+      "ORXmodelingReturns", "ORXmodelingLogReturns", "ORXmodelingCov", "ORXmodelingCorr", "ORXmodelingSDLS",
       "ORXmodelingSDLScorr", "ORXanalysisExanteReturn", "ORXanalysisExanteVolatility",
       "ORXanalysisExanteNormalVaR", "ORXanalysisExanteModifiedVaR", "ORXanalysisExpostReturn",
       "ORXanalysisExpostVolatility", "ORXanalysisGaussianKernel", "ORXsimulGeometricBrownianX"};
@@ -24,8 +23,7 @@ CallData::CallData(Export e) : e(e) {
   const Vec history = {0.01, 0.02, -0.02, 0.01, 0.015, -0.01, 0.0, 0.03, 0.005, -0.02};
   const Vec cov2 = {0.04, 0.01, 0.01, 0.09}, series = {0.01, -0.02, 0.015, 0.0, 0.005};
   switch (e) {
-    case E::AllocMV: case E::AllocIT: case E::AllocSharpe:
-      // three assets, the budget as equality, w0 + w1 <= 0.9
+    case E::AllocMV: case E::AllocIT: case E::AllocSharpe:  // budget equality, w0 + w1 <= 0.9
       counts = {{"n", 3}, {"nEq", 1}, {"nIneq", 1}};
       real = {{"cov", {0.04, 0.01, 0.0, 0.01, 0.09, 0.02, 0.0, 0.02, 0.16}},
               {"mu", {0.05, 0.08, 0.11}}, {"cons", {1.0, 1.0, 1.0, 0.0, 1.0, 1.0}},
@@ -36,8 +34,7 @@ CallData::CallData(Export e) : e(e) {
       if (e == E::AllocSharpe) real["riskFree"] = {0.02};
       break;
     case E::Returns: case E::LogReturns:  // four prices of two assets
-      counts = {{"nObs", 4}, {"nSeries", 2}, {"lag", 1}};
-      real = {{"prices", {100.0, 50.0, 101.0, 49.5, 99.0, 50.5, 102.0, 51.0}}};
+      counts = {{"nObs", 4}, {"nSeries", 2}, {"lag", 1}}, real = {{"prices", {100, 50, 101, 49.5, 99, 50.5, 102, 51}}};
       break;
     case E::Cov: case E::Corr:  // five observations of two assets
       counts = {{"nObs", 5}, {"nAssets", 2}}, real = {{"returns", history}};
@@ -65,8 +62,7 @@ CallData::CallData(Export e) : e(e) {
       counts = {{"n", 5}}, real = {{"series", series}};
       break;
     case E::GaussianKernel:
-      counts = {{"nObs", 5}, {"nPoints", 3}};
-      real = {{"data", series}, {"points", {-0.02, 0.0, 0.02}}};
+      counts = {{"nObs", 5}, {"nPoints", 3}}, real = {{"data", series}, {"points", {-0.02, 0.0, 0.02}}};
       break;
     case E::Simulation:  // two assets, four time points
       counts = {{"n", 2}, {"horizon", 1}, {"steps", 4}};
@@ -100,23 +96,20 @@ int callExport(CallData& d) {
       return ORXallocMV(c("n"), r("cov"), r("mu"), c("nEq"), c("nIneq"), r("cons"), r("rhs"),
                         r("lower"), r("upper"), r("target"), out, st);
     case E::AllocIT:
-      return ORXallocIT(c("n"), r("cov"), r("mu"), r("benchCov"), r("benchReturn"), c("nEq"),
-                        c("nIneq"), r("cons"), r("rhs"), r("lower"), r("upper"), r("excess"), out,
-                        st);
+      return ORXallocIT(c("n"), r("cov"), r("mu"), r("benchCov"), r("benchReturn"), c("nEq"), c("nIneq"),
+                        r("cons"), r("rhs"), r("lower"), r("upper"), r("excess"), out, st);
     case E::AllocSharpe:
       return ORXallocSharpeRatio(c("n"), r("cov"), r("mu"), c("nEq"), c("nIneq"), r("cons"),
                                  r("rhs"), r("lower"), r("upper"), r("riskFree"), out, st);
     case E::Returns: return ORXmodelingReturns(c("nObs"), c("nSeries"), r("prices"), c("lag"), out, st);
-    case E::LogReturns:
-      return ORXmodelingLogReturns(c("nObs"), c("nSeries"), r("prices"), c("lag"), out, st);
+    case E::LogReturns: return ORXmodelingLogReturns(c("nObs"), c("nSeries"), r("prices"), c("lag"), out, st);
     case E::Cov: return ORXmodelingCov(c("nObs"), c("nAssets"), r("returns"), out, st);
     case E::Corr: return ORXmodelingCorr(c("nObs"), c("nAssets"), r("returns"), out, st);
     case E::SDLS:
       return ORXmodelingSDLS(c("n"), r("target"), c("nEq"), r("eqMatrices"), r("eqValues"),
                              c("nIneq"), r("ineqMatrices"), r("ineqLower"), r("ineqUpper"),
                              r("tolerance"), r("eigenFloor"), out, st);
-    case E::SDLScorr:
-      return ORXmodelingSDLScorr(c("n"), r("target"), r("tolerance"), r("eigenFloor"), out, st);
+    case E::SDLScorr: return ORXmodelingSDLScorr(c("n"), r("target"), r("tolerance"), r("eigenFloor"), out, st);
     case E::ExanteReturn: return ORXanalysisExanteReturn(c("n"), r("mu"), r("weights"), out, st);
     case E::ExanteVolatility: return ORXanalysisExanteVolatility(c("n"), r("cov"), r("weights"), out, st);
     case E::ExanteNormalVaR:
@@ -138,9 +131,7 @@ int callExport(CallData& d) {
 
 Outcome runCase(CallData& d) {
   CallData before = d;
-  Outcome o;
-  o.ret = callExport(d);
-  o.status = d.status;
+  Outcome o{callExport(d), d.status};
   const long count = std::min<long>(resultCount(d), static_cast<long>(d.out.size()));
   for (long k = 0; k < count; ++k) {
     o.finite = o.finite && std::isfinite(d.out[k]);

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One valid call of every export on small data of its own, for the tests
-// of the call frame to spoil, repeat or run side by side.
+// One valid call of every export on small data of its own, for the frame's tests to spoil.
 #pragma once
 #include <cstring>
 #include <map>
@@ -21,9 +20,8 @@ struct Vec : std::vector<double> {  // compares bit for bit, NaN equal to itself
   }
 };
 
-// The arguments of one export by their documented names: d["name"] an
-// array, row-major as the caller passes it (a real scalar is an array of
-// one, an empty array a null pointer); d("name") a count.
+// The arguments of one export by their documented names: d["name"] an array, row-major
+// (a scalar: an array of one; an empty array: a null pointer); d("name") a count.
 struct CallData {
   explicit CallData(Export e);
   Vec& operator[](const std::string& name) { return real.at(name); }

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every export with each of its allocations failing in turn, and exports of
-// every family called from four threads at once.
+// Every export with each of its allocations failing in turn; four families on four threads.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,21 +29,18 @@ bool sameCall(const CallData& expected, const CallData& d) {
 
 }  // namespace
 
-// A failing work array gives 2, status 0, the result cleared, the inputs kept,
-// no leak; a failing conversion temporary changes nothing; NaN-filled memory
-// gives the plain result (nothing reads work memory before writing it).
+// A failing work array gives 2, status 0, the result cleared, no leak; a failing conversion
+// temporary changes nothing; on NaN-filled memory the plain result (no read before a write).
 TEST(AllocationFailures, EachAllocationOfEveryExportFailsInTurn) {
   for (int i = 0; i < static_cast<int>(E::Count); ++i) {
     const E e = static_cast<E>(i);
     SCOPED_TRACE(exportName(e));
     CallData plain(e), filled(e);
     const int ret = callExport(plain);
-    int total = 0;
-    {
-      FailingAllocator never(1 << 20);
-      EXPECT_EQ(ret, callExport(filled));
-      total = FailingAllocator::requests();
-    }
+    auto never = std::make_unique<FailingAllocator>(1 << 20);
+    EXPECT_EQ(ret, callExport(filled));
+    const int total = FailingAllocator::requests();
+    never.reset();
     EXPECT_TRUE(sameCall(plain, filled));
     EXPECT_GE(total, kWorkArrays[i]);
     for (int k = 0; k < total; ++k) {
@@ -58,10 +55,9 @@ TEST(AllocationFailures, EachAllocationOfEveryExportFailsInTurn) {
   }
 }
 
-// Each family's calls twelve times on a thread of its own, each result that
-// of the serial call (run under ThreadSanitizer too).
+// Each family (allocation, modelling but nearness, analysis, simulation) twelve times on a
+// thread of its own gives the serial results (run under ThreadSanitizer too).
 TEST(ExportConcurrency, FourFamiliesAtOnceMatchSerialCalls) {
-  // allocation, modelling (not the nearness exports), analysis, simulation
   const int families[4][2] = {{0, 3}, {3, 7}, {9, 16}, {16, 17}};
   std::vector<std::vector<CallData>> serial(4);
   for (int f = 0; f < 4; ++f)
@@ -69,7 +65,7 @@ TEST(ExportConcurrency, FourFamiliesAtOnceMatchSerialCalls) {
       serial[f].emplace_back(static_cast<E>(i));
       ASSERT_EQ(0, callExport(serial[f].back())) << exportName(E(i));
     }
-  int mismatches[4] = {0, 0, 0, 0};
+  int mismatches[4] = {};
   std::vector<std::thread> threads;
   for (int f = 0; f < 4; ++f)
     threads.emplace_back([&, f] {

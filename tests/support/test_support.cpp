@@ -12,15 +12,14 @@ namespace lumbra::testing {
 namespace {
 int remaining = 0, asked = 0;
 
-// Hands out memory filled with quiet NaNs (the bytes of a partial last
-// double with ones) while successes remain, then nothing.
+// Memory filled with quiet NaNs (a partial last double with ones) while successes remain.
 void* failingAllocate(std::size_t bytes) {
   ++asked;
   if (remaining-- <= 0) return nullptr;
-  unsigned char* p = static_cast<unsigned char*>(std::malloc(bytes));
-  if (p == nullptr) return nullptr;
+  auto* p = static_cast<unsigned char*>(std::malloc(bytes));
   const double nan = std::numeric_limits<double>::quiet_NaN();
   std::size_t k = 0;
+  if (p == nullptr) return nullptr;
   for (; k + sizeof nan <= bytes; k += sizeof nan) std::memcpy(p + k, &nan, sizeof nan);
   std::memset(p + k, 0xff, bytes - k);
   return p;
