@@ -68,15 +68,15 @@ inline CallData::CallData(Export e) : e(e) {
       if (e == E::AllocSharpe) real["riskFree"] = {0.02};
       break;
     case E::Returns: case E::LogReturns:  // four prices of two assets
-      counts = {{"nObs", 4}, {"nSeries", 2}, {"lag", 1}}, real = {{"prices", {100, 50, 101, 49.5, 99, 50.5, 102, 51}}};
+      counts = {{"nObs", 4}, {"nSeries", 2}, {"lag", 1}};
+      real = {{"prices", {100, 50, 101, 49.5, 99, 50.5, 102, 51}}};
       break;
     case E::Cov: case E::Corr:  // five observations of two assets
       counts = {{"nObs", 5}, {"nAssets", 2}}, real = {{"returns", history}};
       break;
     case E::SDLS:  // X(0,0) = 1 and -1 <= X(0,1) + X(1,0) <= 1
-      counts = {{"n", 2}, {"nEq", 1}, {"nIneq", 1}};
-      real = {{"eqMatrices", {1.0, 0.0, 0.0, 0.0}}, {"eqValues", {1.0}},
-              {"ineqMatrices", {0.0, 1.0, 1.0, 0.0}}, {"ineqLower", {-1.0}}, {"ineqUpper", {1.0}}};
+      counts = {{"nEq", 1}, {"nIneq", 1}}, real = {{"eqMatrices", {1.0, 0.0, 0.0, 0.0}}, {"eqValues", {1.0}},
+          {"ineqMatrices", {0.0, 1.0, 1.0, 0.0}}, {"ineqLower", {-1.0}}, {"ineqUpper", {1.0}}};
       [[fallthrough]];
     case E::SDLScorr:
       counts.insert({"n", 2});
@@ -128,38 +128,31 @@ inline int callExport(CallData& d) {
   double* const out = d.out.data();
   int* const st = &d.status;
   switch (d.e) {
-    case E::AllocMV:
-      return ORXallocMV(c("n"), r("cov"), r("mu"), c("nEq"), c("nIneq"), r("cons"), r("rhs"),
-                        r("lower"), r("upper"), r("target"), out, st);
-    case E::AllocIT:
-      return ORXallocIT(c("n"), r("cov"), r("mu"), r("benchCov"), r("benchReturn"), c("nEq"), c("nIneq"),
-                        r("cons"), r("rhs"), r("lower"), r("upper"), r("excess"), out, st);
-    case E::AllocSharpe:
-      return ORXallocSharpeRatio(c("n"), r("cov"), r("mu"), c("nEq"), c("nIneq"), r("cons"),
-                                 r("rhs"), r("lower"), r("upper"), r("riskFree"), out, st);
+    case E::AllocMV: return ORXallocMV(c("n"), r("cov"), r("mu"), c("nEq"), c("nIneq"), r("cons"), r("rhs"),
+        r("lower"), r("upper"), r("target"), out, st);
+    case E::AllocIT: return ORXallocIT(c("n"), r("cov"), r("mu"), r("benchCov"), r("benchReturn"), c("nEq"),
+        c("nIneq"), r("cons"), r("rhs"), r("lower"), r("upper"), r("excess"), out, st);
+    case E::AllocSharpe: return ORXallocSharpeRatio(c("n"), r("cov"), r("mu"), c("nEq"), c("nIneq"), r("cons"),
+        r("rhs"), r("lower"), r("upper"), r("riskFree"), out, st);
     case E::Returns: return ORXmodelingReturns(c("nObs"), c("nSeries"), r("prices"), c("lag"), out, st);
     case E::LogReturns: return ORXmodelingLogReturns(c("nObs"), c("nSeries"), r("prices"), c("lag"), out, st);
     case E::Cov: return ORXmodelingCov(c("nObs"), c("nAssets"), r("returns"), out, st);
     case E::Corr: return ORXmodelingCorr(c("nObs"), c("nAssets"), r("returns"), out, st);
-    case E::SDLS:
-      return ORXmodelingSDLS(c("n"), r("target"), c("nEq"), r("eqMatrices"), r("eqValues"),
-                             c("nIneq"), r("ineqMatrices"), r("ineqLower"), r("ineqUpper"),
-                             r("tolerance"), r("eigenFloor"), out, st);
+    case E::SDLS: return ORXmodelingSDLS(c("n"), r("target"), c("nEq"), r("eqMatrices"), r("eqValues"),
+        c("nIneq"), r("ineqMatrices"), r("ineqLower"), r("ineqUpper"), r("tolerance"), r("eigenFloor"), out, st);
     case E::SDLScorr: return ORXmodelingSDLScorr(c("n"), r("target"), r("tolerance"), r("eigenFloor"), out, st);
     case E::ExanteReturn: return ORXanalysisExanteReturn(c("n"), r("mu"), r("weights"), out, st);
     case E::ExanteVolatility: return ORXanalysisExanteVolatility(c("n"), r("cov"), r("weights"), out, st);
     case E::ExanteNormalVaR:
       return ORXanalysisExanteNormalVaR(c("n"), r("cov"), r("mu"), r("weights"), r("level"), out, st);
-    case E::ExanteModifiedVaR:
-      return ORXanalysisExanteModifiedVaR(c("nObs"), c("nAssets"), r("weights"), r("returns"),
-                                          r("cov"), r("level"), out, st);
+    case E::ExanteModifiedVaR: return ORXanalysisExanteModifiedVaR(c("nObs"), c("nAssets"), r("weights"),
+        r("returns"), r("cov"), r("level"), out, st);
     case E::ExpostReturn: return ORXanalysisExpostReturn(c("n"), r("series"), out, st);
     case E::ExpostVolatility: return ORXanalysisExpostVolatility(c("n"), r("series"), out, st);
     case E::GaussianKernel:
       return ORXanalysisGaussianKernel(c("nObs"), c("nPoints"), r("data"), r("points"), out, st);
-    case E::Simulation:
-      return ORXsimulGeometricBrownianX(c("n"), c("horizon"), c("steps"), r("start"), r("drift"),
-                                        r("cov"), out, st);
+    case E::Simulation: return ORXsimulGeometricBrownianX(c("n"), c("horizon"), c("steps"), r("start"),
+        r("drift"), r("cov"), out, st);
     case E::Count: break;
   }
   return -1;
@@ -168,11 +161,9 @@ inline int callExport(CallData& d) {
 inline Outcome runCase(CallData& d) {
   CallData before = d;
   Outcome o{callExport(d), d.status};
-  const long count = std::min<long>(resultCount(d), static_cast<long>(d.out.size()));
-  for (long k = 0; k < count; ++k) {
-    o.finite = o.finite && std::isfinite(d.out[k]);
-    o.cleared = o.cleared && d.out[k] == 0.0;
-  }
+  const auto first = d.out.begin(), last = first + std::min<long>(resultCount(d), d.out.size());
+  o.finite = std::all_of(first, last, [](double x) { return std::isfinite(x); });
+  o.cleared = std::all_of(first, last, [](double x) { return x == 0.0; });
   before.out = d.out, before.status = d.status;
   o.inputsKept = before == d;
   return o;

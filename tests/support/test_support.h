@@ -16,8 +16,7 @@ inline std::string hex(double v) {  // "%a", for messages of exact comparisons
 
 // Exact equality of two doubles (NaN equal to NaN), printed in %a on failure.
 inline ::testing::AssertionResult bitEqual(double expected, double actual) {
-  if (expected == actual || (expected != expected && actual != actual))
-    return ::testing::AssertionSuccess();
+  if (expected == actual || (expected != expected && actual != actual)) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "expected " << hex(expected) << " (" << expected
                                        << "), got " << hex(actual) << " (" << actual << ")";
 }
