@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Dense kernels at their edges: bounds, the definiteness threshold and
-// certificate, the negligible-element flush before the eigen-solver.
+// Dense kernels at their edges: bounds, definiteness threshold and certificate, the flush.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 #include <vector>
 
 #include "kernels/kernels.h"
@@ -18,16 +16,13 @@ TEST(MatrixKernels, BoundsOfTheSmallKernels) {
   double r = 0.0;
   vecMin(3, x, r);  // the second element is compared too
   EXPECT_BITEQ(-2.5, r);
-  // Rows 1..ld (1-based), the last included; row ld + 1 refused, nothing written.
-  std::vector<double> A(6, s), Y(9, s);
+  std::vector<double> A(6, s), Y(9, s);  // rows 1..ld (1-based): ld + 1 refused, nothing written
   int status = 99;
   matSetRow(2, 3, A.data(), x, 3, status);
   EXPECT_EQ(-2, status);
   matSetRow(2, 3, A.data(), x, 2, status);
   EXPECT_EQ((std::vector<double>{s, 4.0, s, -2.5, s, 7.0}), A);
-  // A 2 by 2 block scattered to positions (3, 1) of a 3 by 3 matrix, the last
-  // included; a position past m stops the copy where it is met.
-  const int good[2] = {3, 1}, bad[2] = {1, 4};
+  const int good[2] = {3, 1}, bad[2] = {1, 4};  // the last position of 3 taken, 4 refused
   matScatter(2, x, 3, good, Y.data(), status);
   EXPECT_EQ(0, status);
   EXPECT_EQ((std::vector<double>{1.0, s, 7.0, s, s, s, -2.5, s, 4.0}), Y);
@@ -36,11 +31,9 @@ TEST(MatrixKernels, BoundsOfTheSmallKernels) {
 }
 
 TEST(SpectralKernels, PositiveDefinitenessThresholdOnRealSchurParts) {
-  // The threshold 1e-12f widened (9.99999996e-13) passes, and so does 1e-12 - 2e-21;
-  // [1 -4; 4 1] passes on the real parts of 1 +- 4i; +inf has none.
-  const struct { double a, b; int flag; } cases[] = {
-      {1.0, 0.0, 0}, {1e-13, 0.0, 1}, {double(1e-12f), 0.0, 0}, {9.99999998e-13, 0.0, 0},
-      {1.0, 4.0, 0}, {std::numeric_limits<double>::infinity(), 0.0, kInfoNotFiniteEigen}};
+  // 1e-12f widened (9.99999996e-13) passes, so does 1e-12 - 2e-21; [1 -4; 4 1] on the real parts.
+  const struct { double a, b; int flag; } cases[] = {{1.0, 0.0, 0}, {1e-13, 0.0, 1}, {double(1e-12f), 0.0, 0},
+      {9.99999998e-13, 0.0, 0}, {1.0, 4.0, 0}, {HUGE_VAL, 0.0, kInfoNotFiniteEigen}};
   int iwork[2], flag = -1;
   double work[2 * 4 + 7 * 2];
   for (const auto& c : cases) {
@@ -51,9 +44,8 @@ TEST(SpectralKernels, PositiveDefinitenessThresholdOnRealSchurParts) {
 }
 
 TEST(SpectralKernels, NegligibleElementsAreFlushedSoExtremeRangesReturn) {
-  // DSYEVR never returned on the first two (exponents across the whole
-  // range); elements below 2^-106 times the largest are flushed first,
-  // leaving exact diagonals: 2^-106 times the largest stays, half of it goes.
+  // DSYEVR never returned on the first two (exponents across the range); elements below
+  // 2^-106 times the largest are flushed first: 2^-106 stays, half of it goes.
   const double hung[2][9] = {
       {2.0522682444161237e-289, 0, 0, -1.2164802009519749e-140, -1999999993657846.8, 0, -1e-300,
        -8.1677956349632598e-143, 3.4756577170056423e-144},
@@ -74,9 +66,8 @@ TEST(SpectralKernels, NegligibleElementsAreFlushedSoExtremeRangesReturn) {
 }
 
 TEST(SpectralKernels, DefiniteCertificateOnlyWhereTheSchurTestMustPass) {
-  // A = H diag(lambda) H (H = I - 2 v v' / v'v) has eigenvalues lambda to
-  // about 1e-16.  Yes far above the threshold (the Schur test agrees), no at
-  // or below it (the margin is positive), for one ulp of asymmetry, for NaN.
+  // A = H diag(lambda) H (H = I - 2 v v' / v'v) has eigenvalues lambda to about 1e-16: yes far
+  // above the threshold (as the Schur test), no at or below it, for 1 ulp of asymmetry, for NaN.
   const double t = kDefiniteThreshold;
   const struct { double smallest; bool asymmetric, certified; } cases[] = {
       {0.5, false, true},   {t, false, false},  {0.95 * t, false, false},

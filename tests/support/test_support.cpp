@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <limits>
 
 #include "api/frame.h"
 
@@ -12,18 +11,12 @@ namespace lumbra::testing {
 namespace {
 int remaining = 0, asked = 0;
 
-// Hands out memory filled with quiet NaNs (the bytes of a partial last
-// double with ones) while successes remain, then nothing.
+// Memory with every byte 0xff (each double a NaN, each int -1) while successes remain.
 void* failingAllocate(std::size_t bytes) {
   ++asked;
   if (remaining-- <= 0) return nullptr;
-  unsigned char* p = static_cast<unsigned char*>(std::malloc(bytes));
-  if (p == nullptr) return nullptr;
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  std::size_t k = 0;
-  for (; k + sizeof nan <= bytes; k += sizeof nan) std::memcpy(p + k, &nan, sizeof nan);
-  std::memset(p + k, 0xff, bytes - k);
-  return p;
+  void* p = std::malloc(bytes);
+  return p == nullptr ? nullptr : std::memset(p, 0xff, bytes);
 }
 }  // namespace
 

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shared helpers of the test suite: bit-exact comparison with hexadecimal
-// output, the test of which BLAS is loaded, and a failing allocator.
+// Shared test helpers: bit-exact comparison printed in %a, which BLAS is loaded, a failing allocator.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -17,20 +16,17 @@ inline std::string hex(double v) {  // "%a", for messages of exact comparisons
 
 // Exact equality of two doubles (NaN equal to NaN), printed in %a on failure.
 inline ::testing::AssertionResult bitEqual(double expected, double actual) {
-  if (expected == actual || (expected != expected && actual != actual))
-    return ::testing::AssertionSuccess();
+  if (expected == actual || (expected != expected && actual != actual)) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "expected " << hex(expected) << " (" << expected
                                        << "), got " << hex(actual) << " (" << actual << ")";
 }
 #define EXPECT_BITEQ(expected, actual) EXPECT_TRUE(::lumbra::testing::bitEqual((expected), (actual)))
 
-// True when the BLAS in this process is the reference one (no OpenBLAS, MKL,
-// BLIS or ATLAS mapped): expectations that turn on its last bits hold there.
+// True when no OpenBLAS, MKL, BLIS or ATLAS is mapped: results turning on last bits hold.
 bool referenceBlas();
 
-// While one lives, the library's first `successes` allocations succeed, on
-// memory filled with NaN (a path reading work memory before writing it
-// shows), and the later ones fail.  Not reentrant.
+// While one lives, the library's first `successes` allocations succeed on NaN-filled memory
+// (a read before a write shows) and the later ones fail.  Not reentrant.
 struct FailingAllocator {
   explicit FailingAllocator(int successes);
   ~FailingAllocator();

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// LAPACK's argument-error handler for the test programs.  The library's exits
-// with status 0 (OpenBLAS's returns), so a test handing a routine a bad argument
-// would pass; this one aborts.  CTest also fails any output with the message.
+// LAPACK's argument-error handler for the tests: the library's exits with status 0 (OpenBLAS's
+// returns), so a bad argument would pass; this one aborts.
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
