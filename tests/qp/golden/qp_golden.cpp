@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bit-exact regression corpus of the QP solver and the allocators: seeded
-// random problems of every kind (n 2 to 300), then degenerate and tied ones;
-// each outcome in %a (every bit and zero sign counts) is a text record with
-// an FNV-1a digest.  --digest FILE writes them, --dump the texts, --check
-// FILE compares (on the reference BLAS: 77, skipped, under an optimised one).
+// Bit-exact regression corpus of the QP solver and the allocators: seeded random problems (n 2
+// to 300), degenerate and tied ones; each outcome in %a is a text record with an FNV-1a digest.
+// --digest FILE writes them, --dump the texts, --check FILE compares (77 under an optimised BLAS).
 #include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
@@ -24,8 +22,7 @@ namespace {
 using Vec = std::vector<double>;
 using std::size_t;
 
-// Deterministic generator (splitmix64).
-struct Rng {
+struct Rng {  // splitmix64
   std::uint64_t s;
   std::uint64_t next() {
     std::uint64_t z = (s += 0x9e3779b97f4a7c15ULL);
@@ -50,13 +47,11 @@ __attribute__((format(printf, 2, 3))) void line(std::string& t, const char* fmt,
 }
 void values(std::string& t, const char* tag, const double* v, long k) {
   char buf[48];
-  t += tag;
-  for (long i = 0; i < k; ++i) std::snprintf(buf, sizeof buf, " %a", v[i]), t += buf;
+  for (t += tag; k-- > 0; t += buf) std::snprintf(buf, sizeof buf, " %a", *v++);
   t += '\n';
 }
 
-// H = B B' / k + diag(delta) (definite), B B' / k (low rank), zero,
-// indefinite, or diagonal with some zeros: kind 0 .. 4.
+// Kind 0..4: H = B B'/k + diag(delta), B B'/k (low rank), zero, indefinite, diagonal with zeros.
 void fillHessian(Qp& p, Rng& r, int kind) {
   const int n = p.n;
   p.H.assign(size_t(n) * n, 0.0);
@@ -80,8 +75,7 @@ void fillHessian(Qp& p, Rng& r, int kind) {
     }
 }
 
-// A random problem built around a point x0 inside the bounds, so that it is
-// feasible unless the family asks for infeasibility.
+// A random problem around a point x0 inside the bounds: feasible unless the family says not.
 Qp randomProblem(Rng& r, int n) {
   Qp p;
   p.n = n;
@@ -130,8 +124,7 @@ Qp randomProblem(Rng& r, int n) {
   return p;
 }
 
-// The long-only mean-variance problem of bench_qp (budget, return row at a
-// binding target, 0 <= w <= 5/n), built the same way from the same seed.
+// bench_qp's long-only mean-variance problem (budget, binding return row, 0 <= w <= 5/n).
 Qp benchProblem(int n) {
   constexpr int kFactors = 10;
   std::mt19937_64 rng(1000 + n);
@@ -160,8 +153,8 @@ Qp benchProblem(int n) {
   return p;
 }
 
-// Solves p through qpDriver (status, x, multipliers, H restored) and through
-// the main iteration as the driver runs it (passes, working set, objective).
+// Solves p by qpDriver (status, x, multipliers, H restored) and by the main iteration as the
+// driver runs it (passes, working set, objective).
 std::string solveRecord(const std::string& name, const Qp& p) {
   std::string t;
   const int n = p.n, me = p.me, mi = p.mi, m = me + mi;
@@ -244,11 +237,9 @@ Alloc randomAlloc(Rng& r, int n) {
   return a;
 }
 
-// Allocator problems on exactly tied data (diagonal covariances), the
-// reproducers of four faults found by fuzzing: the two tracking-error
-// problems whose feasibility start once overran its work, a Sharpe-ratio
-// problem once returned with weights outside their bounds, and a
-// mean-variance problem once reported solved at a point missing its rows.
+// Fuzzing reproducers on tied data (diagonal covariances): two tracking-error problems whose
+// feasibility start overran its work, a Sharpe ratio once out of its bounds, a mean-variance
+// problem once solved at a point missing its rows.
 Alloc tiedAlloc(int k) {
   Alloc a;
   auto diagonal = [&a](const Vec& v) {
@@ -349,8 +340,7 @@ std::vector<std::pair<std::string, std::string>> corpus() {
 // True when an optimised BLAS is mapped into this process.
 bool optimisedBlasLoaded() {
   std::ifstream maps("/proc/self/maps");
-  std::string l;
-  while (std::getline(maps, l))
+  for (std::string l; std::getline(maps, l);)
     for (const char* lib : {"openblas", "libmkl", "blis", "atlas"})
       if (l.find(lib) != std::string::npos) return true;
   return false;
@@ -379,10 +369,9 @@ int main(int argc, char** argv) {
   const auto records = corpus();
   if (mode != "--check") {
     std::FILE* f = mode == "--dump" ? stdout : std::fopen(argv[2], "w");
-    if (!f) return 2;
     for (const auto& [name, text] : records)
-      std::fprintf(f, "%s", mode == "--dump" ? text.c_str() : (name + ' ' + digest(text) + '\n').c_str());
-    return std::fclose(f) == 0 ? 0 : 2;
+      if (f) std::fprintf(f, "%s", mode == "--dump" ? text.c_str() : (name + ' ' + digest(text) + '\n').c_str());
+    return f && std::fclose(f) == 0 ? 0 : 2;
   }
   std::map<std::string, std::string> expected;
   std::ifstream in(argv[2]);
