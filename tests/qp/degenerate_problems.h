@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Degenerate QP problems of the bit-exact corpus and the tolerance checks:
-// tied Hessian diagonals and linear terms, zero-width bounds, repeated rows,
-// a budget the bounds pin down, zero or rank-one Hessians.  Small dyadic
-// data, so every tie is exact.  Column-major, one constraint per column.
+// Degenerate QPs of the corpus and the tolerance checks: tied Hessian diagonals and linear terms,
+// zero-width bounds, repeated rows, a budget the bounds pin down, zero or rank-one Hessians.
+// Dyadic data, so every tie is exact.  Column-major, one constraint per column.
 #pragma once
 #include <vector>
 
@@ -12,7 +11,6 @@ struct DegenerateQp {
   int n = 0, me = 0, mi = 0;
   std::vector<double> H, c, C, d, lower, upper;
 };
-
 constexpr int kDegenerateCount = 48;
 
 // Problem k: 4 .. 9 variables; H a tied diagonal, zero, rank one, or tied
@@ -27,10 +25,9 @@ inline DegenerateQp degenerateProblem(int k) {
   auto H = [&p, n](int i, int j) -> double& { return p.H[i + j * n]; };
   auto C = [&p, n](int i, int j) -> double& { return p.C[i + j * n]; };
   for (int i = 0; i < n; ++i)
-    for (int j = 0; j < n; ++j) {
-      if ((hessian == 0 || hessian == 3) && i == j) H(i, j) += i % 2 == 0 ? 0.25 : 0.125;
-      if (hessian >= 2) H(i, j) += 0.0625;
-    }
+    for (int j = 0; j < n; ++j)
+      H(i, j) = ((hessian == 0 || hessian == 3) && i == j ? (i % 2 == 0 ? 0.25 : 0.125) : 0.0) +
+                (hessian >= 2 ? 0.0625 : 0.0);
   for (int i = 0; i < n; ++i) p.c[i] = i % 3 == 0 ? -0.5 : -0.25;  // ties
   p.lower.assign(n, 0.0), p.upper.assign(n, 0.5);
   p.upper[1] = 0.0, p.lower[2] = p.upper[2] = 0.125;  // zero-width at 0 and inside

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The QP solver: feasibility and KKT on random and degenerate problems (on
-// every BLAS; exact whole solves live in the bit-exact corpus), and edges a
-// solve rarely shows: one variable, the violation, the ratio test, the
-// reduced factor's statuses, a negative-curvature direction.
+// The QP solver on any BLAS: feasibility and KKT on random and degenerate
+// problems, and edges a solve rarely shows (exact solves: the golden corpus).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,13 +19,11 @@ namespace {
 using Vec = std::vector<double>;
 constexpr double kMark = -0x1.5555p+77, kFar = 1e300;  // guard value; an absent bound
 
-// A problem in solver form (column-major) and the driver's outputs.
 struct Problem : lumbra::testing::DegenerateQp {
   Vec x, mult;
   int status = 12345;
   explicit Problem(const DegenerateQp& p) : DegenerateQp(p) {}
-  // Runs the driver on work of exactly n (n + 1) + kMainWork (kLinearWork if
-  // linear) and a guard band; mult starts at 99.  True if the band is intact.
+  // Runs the driver on exactly the work it asks for; true if the guard band past it is intact.
   bool solve(bool linear = false) {
     const long nw = long(n) * (n + 1) + (linear ? kLinearWork(n, mi) : kMainWork(n, mi));
     Vec work(nw + 32, kMark);
@@ -48,26 +44,25 @@ struct Problem : lumbra::testing::DegenerateQp {
     for (int i = 0; i < n; ++i) v = std::fmax(v, std::fmax(lower[i] - x[i], x[i] - upper[i]));
     return v;
   }
-  // Largest KKT defect with the solver's multipliers, relative to |c|.
+  // Largest KKT defect with the solver's multipliers: Hx + c + m_b + C m_c = 0, upper-bound and
+  // inequality multipliers >= 0, lower-bound ones <= 0, complementarity.
   double kktDefect() const {
-    double defect = 0.0, scale = 1.0;
+    double defect = 0.0;
     for (int i = 0; i < n; ++i) {
       double r = c[i] + mult[i];
       for (int j = 0; j < n; ++j) r += H[i + j * n] * x[j];
       for (int j = 0; j < me + mi; ++j) r += C[i + j * n] * mult[n + j];
       defect = std::max({defect, std::fabs(r), std::fmax(mult[i], 0.0) * (upper[i] - x[i]),
                          std::fmax(-mult[i], 0.0) * (x[i] - lower[i])});
-      scale = std::fmax(scale, std::fabs(c[i]));
     }
     for (int j = me; j < me + mi; ++j) defect = std::max({defect, -mult[n + j], std::fabs(mult[n + j] * row(j))});
-    return defect / scale;
+    return defect;
   }
 };
 
-// H = A'A/n + 0.1 I, a budget, random rows through an interior point x0,
-// boxes around it: x feasible, KKT (Hx + c + m_b + C m_c = 0; upper >= 0,
-// lower <= 0, inequalities >= 0; complementarity), H back as given from its
-// lower triangle (garbage above).  O(1) data, n <= 100: rounding << 1e-9.
+// H = A'A/n + 0.1 I (lower triangle, garbage above), a budget and random rows through an
+// interior point: x feasible and KKT with the solver's multipliers, H restored.  O(1) data,
+// n <= 100: rounding << 1e-9.
 TEST(QpDriverRandom, FeasibleAndKkt) {
   std::mt19937_64 rng(20240611);
   std::normal_distribution<double> gauss(0.0, 1.0);
@@ -79,11 +74,10 @@ TEST(QpDriverRandom, FeasibleAndKkt) {
       Problem p({n, me, mi, Vec(n * n), Vec(n), Vec(n * (me + mi)), Vec(me + mi), Vec(n), Vec(n)});
       Vec A(n * n), x0(n);
       for (double& v : A) v = gauss(rng);
-      for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) {
-          for (int k = 0; k < n; ++k) p.H[i + j * n] += A[k + i * n] * A[k + j * n];
-          p.H[i + j * n] = p.H[i + j * n] / n + (i == j ? 0.1 : 0.0);
-        }
+      for (int i = 0; i < n * n; ++i) {
+        for (int k = 0; k < n; ++k) p.H[i] += A[k + i % n * n] * A[k + i / n * n];
+        p.H[i] = p.H[i] / n + (i % (n + 1) == 0 ? 0.1 : 0.0);
+      }
       for (int i = 0; i < n; ++i)
         x0[i] = unif(rng), p.c[i] = gauss(rng), p.lower[i] = x0[i] - unif(rng), p.upper[i] = x0[i] + unif(rng);
       for (int j = 0; j < me + mi; ++j) {
@@ -102,48 +96,41 @@ TEST(QpDriverRandom, FeasibleAndKkt) {
   EXPECT_GT(bindings, 500);  // the data make many bounds and rows bind
 }
 
-// Smallest |Hx + c + A lambda|_inf over the normals A active at x (within
-// tol), lambda >= 0 on inequalities and bounds: projected coordinate descent.
+// Smallest |Hx + c + A lambda|_inf, A the normals active within tol, lambda >= 0 on
+// inequalities and bounds: projected coordinate descent.
 double kktResidual(const Problem& p, double tol) {
   const int n = p.n;
   std::vector<std::pair<Vec, bool>> normals;  // normal, sign-constrained
   for (int j = 0; j < p.me + p.mi; ++j)
     if (j < p.me || std::fabs(p.row(j)) <= tol)
       normals.emplace_back(Vec(p.C.begin() + j * n, p.C.begin() + (j + 1) * n), j >= p.me);
-  for (int i = 0; i < n; ++i)
-    for (int side : {1, -1})
-      if (std::fabs(p.x[i] - (side > 0 ? p.upper[i] : p.lower[i])) <= tol)
-        normals.emplace_back(Vec(n, 0.0), true), normals.back().first[i] = side;
+  for (int i = 0; i < 2 * n; ++i)  // upper bounds, then lower bounds
+    if (std::fabs(p.x[i % n] - (i < n ? p.upper[i] : p.lower[i - n])) <= tol)
+      normals.emplace_back(Vec(n, 0.0), true), normals.back().first[i % n] = i < n ? 1.0 : -1.0;
   Vec r = p.c, lambda(normals.size(), 0.0);
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j < n; ++j) r[i] += p.H[i + j * n] * p.x[j];
+  for (int i = 0; i < n * n; ++i) r[i % n] += p.H[i] * p.x[i / n];
   for (int sweep = 0; sweep < 2000; ++sweep)
     for (size_t q = 0; q < normals.size(); ++q) {
-      const Vec& a = normals[q].first;
+      const auto& [a, signConstrained] = normals[q];
       double ar = 0.0, aa = 0.0;
       for (int i = 0; i < n; ++i) ar += a[i] * r[i], aa += a[i] * a[i];
-      const double next = normals[q].second ? std::max(0.0, lambda[q] - ar / aa) : lambda[q] - ar / aa;
+      const double next = signConstrained ? std::max(0.0, lambda[q] - ar / aa) : lambda[q] - ar / aa;
       for (int i = 0; i < n; ++i) r[i] += (next - lambda[q]) * a[i];
       lambda[q] = next;
     }
-  double worst = 0.0;
-  for (double v : r) worst = std::fmax(worst, std::fabs(v));
-  return worst;
+  return std::fabs(*std::max_element(r.begin(), r.end(), [](double a, double b) { return std::fabs(a) < std::fabs(b); }));
 }
 
-// The corpus's degenerate problems on any BLAS: status 0 or "no feasible
-// point"; a solved point is feasible and KKT with fitted multipliers (the
-// solver's stand as its stop test last formed them).  Zero Hessians run on
-// the linear work.  Dyadic O(1) data, n <= 9: rounding a few 1e-16 a step.
+// The corpus's degenerate problems: status 0 or "no feasible point"; a solved point feasible
+// and KKT with fitted multipliers (the solver's are as its last stop test formed them).  Zero
+// Hessians run on the linear work.  Dyadic O(1) data, n <= 9: rounding a few 1e-16 a step.
 TEST(QpDegenerate, SolvedPointsAreFeasibleAndMeetTheKuhnTuckerConditions) {
   int solved = 0;
   for (int k = 0; k < lumbra::testing::kDegenerateCount; ++k) {
     Problem p(lumbra::testing::degenerateProblem(k));
     EXPECT_TRUE(p.solve((k / 6) % 4 == 1)) << k;
-    if (p.status != 0) {
-      EXPECT_EQ(1001, p.status) << k;
-      continue;
-    }
+    EXPECT_TRUE(p.status == 0 || p.status == 1001) << k << ": " << p.status;
+    if (p.status != 0) continue;
     ++solved;
     EXPECT_LE(p.violation(), 1e-10) << k;
     EXPECT_LE(kktResidual(p, 1e-10), 1e-8) << k;
@@ -174,14 +161,12 @@ TEST(QpScalar, Cases) {
   }
 }
 
-// The violation the refinement tests: an equality counts only when it falls
-// short, an inequality when it is exceeded.  x = 1 on [-10, 10]; exact.
+// The refinement's violation counts an equality's shortfall (the larger of two; not an
+// overshoot) and an inequality's excess (not its slack).  x = 1 on [-10, 10]; exact.
 TEST(QpViolation, CountsShortfallsOfEqualitiesAndExcessesOfInequalities) {
   struct Case { int me, mi; Vec b; double v; };
-  const Case cases[] = {{2, 0, {1.25, 1.5}, 0.5},    // two shortfalls: the larger
-                        {2, 0, {1.25, 0.5}, 0.25},   // an overshoot does not count
-                        {1, 1, {1.25, 0.0}, 1.0},    // excess of x <= 0
-                        {1, 1, {1.25, 2.0}, 0.25}};  // slack inequality
+  const Case cases[] = {{2, 0, {1.25, 1.5}, 0.5}, {2, 0, {1.25, 0.5}, 0.25}, {1, 1, {1.25, 0.0}, 1.0},
+                        {1, 1, {1.25, 2.0}, 0.25}};
   const double x = 1.0, lower = -10.0, upper = 10.0, C[2] = {1.0, 1.0};
   for (const Case& k : cases) {
     double v = 0.0;
@@ -225,18 +210,16 @@ TEST(QpStepLength, Cases) {
     double alpha = c.alphaIn;
     qpStepLength(lower.data(), upper.data(), x.data(), alpha, work.data(), ire.data(), entering, c.boundMode,
                  c.n, c.mi, kind);
-    EXPECT_EQ(c.kind, kind) << c.what;
-    EXPECT_EQ(c.entering == kAny ? entering : c.entering, entering) << c.what;
+    EXPECT_TRUE(kind == c.kind && (c.entering == kAny || entering == c.entering))
+        << c.what << ": kind " << kind << ", entering " << entering;
     EXPECT_BITEQ(c.alpha, alpha) << c.what;
   }
 }
 
-// A fresh reduced factor with Z = reversal (Z'HZ in position order is H):
-// the pivot band 20 P around zero, refusal (flag 0: status m), a pair
-// indefinite only in its coupling, the growth marker (10 m), the first of
-// equal pivots first; rank 3 in 8 dimensions leaves 5 directions without
-// curvature, a decision in the last bits of BLAS products, so pinned to the
-// reference BLAS.
+// A fresh reduced factor, Z = reversal: the pivot band 20 P around zero, refusal (flag 0:
+// status m), a pair indefinite only in its coupling, the growth marker, equal pivots in order;
+// rank 3 of 8 (5 directions without curvature, decided in the last bits of BLAS products) is
+// pinned to the reference BLAS.
 TEST(QpReducedFactor, FreshStatuses) {
   const double tenP = 10.0 * kPrecision;
   const Vec pair = {1, 0, 0, 0, 0, 1, 0, 0, 0};  // diag (1, 0, 0), positions 2 and 3 coupled
@@ -248,12 +231,9 @@ TEST(QpReducedFactor, FreshStatuses) {
     for (int j = 0; j < 8; ++j)
       for (int l = 0; l < 3; ++l) rank3[at(i, j, 8)] += B[at(i, l, 8)] * B[at(j, l, 8)];
   struct Case { const char* what; int m; Vec H; int flag, kf; std::vector<int> ipvt; };
-  const Case cases[] = {{"+10P: no curvature", 1, {tenP}, 1, 1, {}},
-                        {"-10P: no curvature", 1, {-tenP}, 1, 1, {}},
-                        {"-30P: negative", 1, {-3.0 * tenP}, 1, -1, {}},
-                        {"refused", 1, {-1.0}, 0, 1, {}},
-                        {"indefinite pair", 3, pair, 1, -2 - 3, {}},
-                        {"pair refused", 3, pair, 0, 3, {}},
+  const Case cases[] = {{"+10P: no curvature", 1, {tenP}, 1, 1, {}}, {"-10P: no curvature", 1, {-tenP}, 1, 1, {}},
+                        {"-30P: negative", 1, {-3.0 * tenP}, 1, -1, {}}, {"refused", 1, {-1.0}, 0, 1, {}},
+                        {"indefinite pair", 3, pair, 1, -2 - 3, {}}, {"pair refused", 3, pair, 0, 3, {}},
                         {"growth", 3, grow, 1, -2 - 30, {}},
                         {"pivot tie", 3, {0, 0, 0, 0, 2, 0, 0, 0, 2}, 1, 1, {2, 3, 1}},
                         {"rank 3 of 8", 8, rank3, 1, 5, {}}};
@@ -270,11 +250,10 @@ TEST(QpReducedFactor, FreshStatuses) {
   }
 }
 
-// A coupling row over a zero pivot (st > 2 nz, r = 3 nz - st), by its
-// formula: p(0:r-2) = -T(0:r-2,r:nz-1) b, b = T(r-1,r:nz-1), p(r-1) = -|b|^2,
-// solved with the leading r triangle, then -b; negated when c p(r-1) < 0,
-// c = -Z(:,0)'g.  nz = 3, r = 2, Z = ipvt = I (p comes out reversed):
-// (3, -8, -2) before the sign.  Dyadic: exact on every BLAS.
+// A coupling row over a zero pivot (r = 3 nz - st): p(0:r-2) = -T(0:r-2,r:nz-1) b,
+// b = T(r-1,r:nz-1), p(r-1) = -|b|^2, solved with the leading r triangle, then -b; negated when
+// c p(r-1) < 0, c = -Z(:,0)'g.  nz = 3, r = 2, Z = ipvt = I: (3, -8, -2) reversed, before the
+// sign.  Dyadic: exact on every BLAS.
 TEST(QpDirection, CouplingRowFormula) {
   const Vec Z = {1, 0, 0, 0, 1, 0, 0, 0, 1}, T = {2, 0, 0, 1, 0.5, 0, 1, 2, 0};
   const std::vector<int> ipvt = {1, 2, 3};
