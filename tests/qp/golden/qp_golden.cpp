@@ -7,7 +7,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <fstream>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -246,9 +245,10 @@ Alloc tiedAlloc(int k) {
     a.n = static_cast<int>(v.size()), a.cov.assign(v.size() * v.size(), 0.0);
     for (int i = 0; i < a.n; ++i) a.cov[i * size_t(a.n) + i] = v[i];
   };
+  const double o = -0.036875;
+  a.cons = {0.0}, a.rhs = {0.0};  // no rows
   if (k == 0) {
-    a.n = 2, a.nIneq = 1;
-    a.cov = {.04, 0, 0, .08}, a.mu = {.05, .10}, a.q = {.01, .01};
+    a.n = 2, a.nIneq = 1, a.cov = {.04, 0, 0, .08}, a.mu = {.05, .10}, a.q = {.01, .01};
     a.cons = {1, 1}, a.rhs = {1}, a.lower = {-1e5, -1e5}, a.upper = {1e5, 1e5};
     a.benchReturn = a.target = .05, a.riskFree = 0.0;
   } else if (k == 1) {
@@ -257,24 +257,18 @@ Alloc tiedAlloc(int k) {
     a.q = {0.031875, 0.0171875, 3.53125, 0.0378125, 0.0178125};
     a.lower = {3.09375, -0.0003125, -0.0003125, -2.8125, 0.031875};
     a.upper = {3.09375, 0.0134375, 0, -2.78125, 0.063125};
-    a.cons = {0.0}, a.rhs = {0.0};
   } else if (k == 2) {
     diagonal({0.0025625, 0.001, 0.0013125, 0.09475, 0.0050625, 0.0200625, 0.001});
-    a.mu = {0, -0.09375, -0.03125, 0, 0, -0.03125, 0};
-    a.lower = {0, 0, 0, 0, 0.0025, 0, 0.0246875};
-    a.upper = {1, 0, 0, 0.03125, 0.0028125, 0.09375, 0.5246875};
-    a.cons = {0.0}, a.rhs = {0.0}, a.riskFree = -0.0003125, a.q.assign(a.n, 0.0);
+    a.mu = {0, -0.09375, -0.03125, 0, 0, -0.03125, 0}, a.lower = {0, 0, 0, 0, 0.0025, 0, 0.0246875};
+    a.upper = {1, 0, 0, 0.03125, 0.0028125, 0.09375, 0.5246875}, a.riskFree = -0.0003125, a.q.assign(a.n, 0.0);
   } else {
     diagonal({3.34475, 3.34475, 0.001, 0.001, 0.001, 0.0056875, 0.016, 1.5635});
-    a.nEq = 3, a.nIneq = 3;
-    a.mu = {0.0159375, 1, 0, 0.0378125, -0.03125, -0.03125, -0.03125, -0.03125};
-    a.lower = {-0.036875, -0.036875, -0.036875, -0.036875, -0.036875, 0, 0.03, 0.0009375};
+    a.nEq = 3, a.nIneq = 3, a.mu = {0.0159375, 1, 0, 0.0378125, -0.03125, -0.03125, -0.03125, -0.03125};
+    a.lower = {o, o, o, o, o, 0, 0.03, 0.0009375};
     a.upper = {1.963125, 3.619375, 3.619375, 3.619375, 3.619375, 3.65625, 3.7175, 3.6571875};
-    const double o = -0.036875;
-    a.cons = {0, o, o, o, o, o, o, 0, 0.03, 0.0009375, -2, -3.65625, -3.65625, -3.65625,
-              -3.65625, -3.65625, -3.65625, 0, o, o, 0.035312500000000004, o, -0.0003125,
-              -0.03125, -0.15625, o, o, o, o, o, o, o, o, o, o, o, o, o, o, o, o, 0, 0, 0,
-              0.0021875, o, o, o};
+    a.cons = {0, o, o, o, o, o, o, 0, 0.03, 0.0009375, -2, -3.65625, -3.65625, -3.65625, -3.65625, -3.65625,
+              -3.65625, 0, o, o, 0.035312500000000004, o, -0.0003125, -0.03125, -0.15625, o, o, o, o, o, o, o,
+              o, o, o, o, o, o, o, o, o, 0, 0, 0, 0.0021875, o, o, o};
     a.rhs.assign(6, o), a.target = -3.65625, a.q.assign(a.n, 0.0);
   }
   return a;
@@ -289,15 +283,14 @@ std::string allocRecord(const std::string& name, const Alloc& a) {
     Alloc b = a;
     Vec w(a.n, -7.0);
     int status = 0;
+    double *cons = b.cons.data(), *rhs = b.rhs.data(), *lo = b.lower.data(), *up = b.upper.data();
     const int ret =
-        which == 0 ? ORXallocMV(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, b.cons.data(),
-                                b.rhs.data(), b.lower.data(), b.upper.data(), &b.target, w.data(), &status)
-        : which == 1 ? ORXallocIT(&b.n, b.cov.data(), b.mu.data(), b.q.data(), &b.benchReturn, &b.nEq,
-                                  &b.nIneq, b.cons.data(), b.rhs.data(), b.lower.data(),
-                                  b.upper.data(), &b.excess, w.data(), &status)
-                     : ORXallocSharpeRatio(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq,
-                                           b.cons.data(), b.rhs.data(), b.lower.data(),
-                                           b.upper.data(), &b.riskFree, w.data(), &status);
+        which == 0 ? ORXallocMV(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, cons, rhs, lo, up, &b.target,
+                                w.data(), &status)
+        : which == 1 ? ORXallocIT(&b.n, b.cov.data(), b.mu.data(), b.q.data(), &b.benchReturn, &b.nEq, &b.nIneq,
+                                  cons, rhs, lo, up, &b.excess, w.data(), &status)
+                     : ORXallocSharpeRatio(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, cons, rhs, lo, up,
+                                           &b.riskFree, w.data(), &status);
     line(t, "%s return %d status %d", kNames[which], ret, status);
     values(t, "w", w.data(), a.n);
   }
@@ -373,17 +366,15 @@ int main(int argc, char** argv) {
       if (f) std::fprintf(f, "%s", mode == "--dump" ? text.c_str() : (name + ' ' + digest(text) + '\n').c_str());
     return f && std::fclose(f) == 0 ? 0 : 2;
   }
-  std::map<std::string, std::string> expected;
-  std::ifstream in(argv[2]);
-  for (std::string name, h; in >> name >> h;) expected[name] = h;
+  std::ifstream in(argv[2]);  // the records' digests in their order
   int passed = 0, failed = 0;
   for (const auto& [name, text] : records) {
-    const std::string got = digest(text), want = expected.count(name) ? expected[name] : "(none)";
-    if (want == got) ++passed;
-    else ++failed, std::printf("MISMATCH %s: expected %s, got %s\n", name.c_str(), want.c_str(), got.c_str());
-    expected.erase(name);
+    std::string wantName = "(none)", want;
+    in >> wantName >> want;
+    if (wantName == name && want == digest(text)) ++passed;
+    else ++failed, std::printf("MISMATCH %s: expected %s %s\n", name.c_str(), wantName.c_str(), want.c_str());
   }
-  for (const auto& left : expected) ++failed, std::printf("MISSING %s\n", left.first.c_str());
+  for (std::string extra; in >> extra;) ++failed, std::printf("EXTRA %s\n", extra.c_str());
   std::printf("%d passed, %d failed\n", passed, failed);
   return failed == 0 ? 0 : 1;
 }
