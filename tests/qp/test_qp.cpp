@@ -86,39 +86,33 @@ TEST(QpDriverRandom, FeasibleAndKkt) {
       }
       const Vec H = p.H;
       for (int j = 1; j < n; ++j) std::fill_n(p.H.begin() + j * n, j, 99.0);
-      EXPECT_TRUE(p.solve());
-      ASSERT_EQ(p.status, 0) << "n=" << n << " rep=" << rep;
-      EXPECT_EQ(H, p.H);
-      EXPECT_LT(p.violation(), 1e-9) << "n=" << n;
+      ASSERT_TRUE(p.solve() && p.status == 0 && H == p.H) << "n=" << n << " rep=" << rep << ": " << p.status;
+      EXPECT_TRUE(p.violation() < 1e-9 && p.kktDefect() < 1e-8) << n << " " << p.violation() << " " << p.kktDefect();
       for (int i = 0; i < n + me + mi; ++i) bindings += (i < n || i >= n + me) && p.mult[i] != 0.0;
-      EXPECT_LT(p.kktDefect(), 1e-8) << "n=" << n;
     }
   EXPECT_GT(bindings, 500);  // the data make many bounds and rows bind
 }
 
-// Smallest |Hx + c + A lambda|_inf, A the normals active within tol, lambda >= 0 on
-// inequalities and bounds: projected coordinate descent.
-double kktResidual(const Problem& p, double tol) {
+// Replaces the multipliers by ones fitted to the constraints active within tol: projected
+// coordinate descent on |Hx + c + m_b + C m_c|, signs as kktDefect wants them.
+void fitMultipliers(Problem& p, double tol) {
   const int n = p.n;
-  std::vector<std::pair<Vec, bool>> normals;  // normal, sign-constrained
-  for (int j = 0; j < p.me + p.mi; ++j)
-    if (j < p.me || std::fabs(p.row(j)) <= tol)
-      normals.emplace_back(Vec(p.C.begin() + j * n, p.C.begin() + (j + 1) * n), j >= p.me);
-  for (int i = 0; i < 2 * n; ++i)  // upper bounds, then lower bounds
-    if (std::fabs(p.x[i % n] - (i < n ? p.upper[i] : p.lower[i - n])) <= tol)
-      normals.emplace_back(Vec(n, 0.0), true), normals.back().first[i % n] = i < n ? 1.0 : -1.0;
-  Vec r = p.c, lambda(normals.size(), 0.0);
+  Vec r = p.c, a(n);
   for (int i = 0; i < n * n; ++i) r[i % n] += p.H[i] * p.x[i / n];
+  p.mult.assign(n + p.me + p.mi, 0.0);
   for (int sweep = 0; sweep < 2000; ++sweep)
-    for (size_t q = 0; q < normals.size(); ++q) {
-      const auto& [a, signConstrained] = normals[q];
+    for (int q = 0; q < n + p.me + p.mi; ++q) {
+      const bool up = q < n && p.upper[q] - p.x[q] <= tol, lo = q < n && p.x[q] - p.lower[q] <= tol;
+      if (q < n ? !(up || lo) : q >= n + p.me && std::fabs(p.row(q - n)) > tol) continue;  // inactive
+      for (int i = 0; i < n; ++i) a[i] = q < n ? double(i == q) : p.C[i + (q - n) * n];
       double ar = 0.0, aa = 0.0;
       for (int i = 0; i < n; ++i) ar += a[i] * r[i], aa += a[i] * a[i];
-      const double next = signConstrained ? std::max(0.0, lambda[q] - ar / aa) : lambda[q] - ar / aa;
-      for (int i = 0; i < n; ++i) r[i] += (next - lambda[q]) * a[i];
-      lambda[q] = next;
+      double next = p.mult[q] - ar / aa;
+      if (q >= n + p.me || (up && !lo)) next = std::max(0.0, next);
+      if (lo && !up) next = std::min(0.0, next);
+      for (int i = 0; i < n; ++i) r[i] += (next - p.mult[q]) * a[i];
+      p.mult[q] = next;
     }
-  return std::fabs(*std::max_element(r.begin(), r.end(), [](double a, double b) { return std::fabs(a) < std::fabs(b); }));
 }
 
 // The corpus's degenerate problems: status 0 or "no feasible point"; a solved point feasible
@@ -131,9 +125,8 @@ TEST(QpDegenerate, SolvedPointsAreFeasibleAndMeetTheKuhnTuckerConditions) {
     EXPECT_TRUE(p.solve((k / 6) % 4 == 1)) << k;
     EXPECT_TRUE(p.status == 0 || p.status == 1001) << k << ": " << p.status;
     if (p.status != 0) continue;
-    ++solved;
-    EXPECT_LE(p.violation(), 1e-10) << k;
-    EXPECT_LE(kktResidual(p, 1e-10), 1e-8) << k;
+    ++solved, fitMultipliers(p, 1e-10);
+    EXPECT_TRUE(p.violation() <= 1e-10 && p.kktDefect() <= 1e-8) << k << " " << p.violation() << " " << p.kktDefect();
   }
   EXPECT_GE(solved, 40);
 }
@@ -245,8 +238,7 @@ TEST(QpReducedFactor, FreshStatuses) {
     for (int j = 0; j < m; ++j) Z[at(m - 1 - j, j, m)] = 1.0;
     int kf = 0;
     ANFM03(c.H.data(), m, T.data(), m, Z.data(), m, w.data(), ipvt.data(), m, m, kf, c.flag, 6);
-    EXPECT_EQ(c.kf, kf) << c.what;
-    EXPECT_EQ(c.ipvt.empty() ? ipvt : c.ipvt, ipvt) << c.what;
+    EXPECT_TRUE(kf == c.kf && (c.ipvt.empty() || ipvt == c.ipvt)) << c.what << ": " << kf;
   }
 }
 
@@ -265,8 +257,7 @@ TEST(QpDirection, CouplingRowFormula) {
     qpDirection(Z.data(), 3, T.data(), 3, g.data(), g.data(), y.data(), p.data(), ipvt.data(), 1.0, 3, 3,
                 3 * 3 - 2, mode, drop, alpha);
     const double s = g0 > 0 ? 1.0 : -1.0;  // c = -g0: negated when c > 0
-    EXPECT_EQ((Vec{-2 * s, -8 * s, 3 * s}), p) << g0;
-    EXPECT_EQ(0, drop);
+    EXPECT_TRUE(p == (Vec{-2 * s, -8 * s, 3 * s}) && drop == 0) << g0 << ": " << p[0] << " " << p[2];
   }
 }
 
