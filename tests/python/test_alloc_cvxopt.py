@@ -18,7 +18,7 @@ solvers.options.update(show_progress=False, abstol=1e-12, reltol=1e-12, feastol=
 FEAS_TOL, OBJ_TOL, W_TOL = 1e-9, 1e-8, 1e-7
 
 
-def call_alloc(name, cov, mu, A, b, G, h, lo, up, scalar, pre=(np.zeros(1),), strict=True):
+def call_alloc(name, cov, mu, A, b, G, h, lo, up, scalar, pre=(np.zeros(1),)):
     """One export on rows A w = b, G w <= h; pre = (q, benchReturn) for tracking."""
     n, m = len(mu), len(b) + len(h)
     keep = [lc.matrix(a) for a in (cov, mu, np.vstack([A, G]).T if m else np.zeros((n, 1)),
@@ -27,9 +27,8 @@ def call_alloc(name, cov, mu, A, b, G, h, lo, up, scalar, pre=(np.zeros(1),), st
                            *([lc.arr(keep[6]), lc.f64(pre[1])] if len(pre) > 1 else []),
                            lc.i32(len(b)), lc.i32(len(h)), lc.arr(keep[2]), lc.arr(keep[3]),
                            lc.arr(keep[4]), lc.arr(keep[5]), lc.f64(scalar), lc.arr(keep[7]))
-    if strict:
-        check(code == 0 and status == 0, "%s: code %d status %d" % (name, code, status))
-    return code, status, keep[7]
+    check(code == 0 and status == 0, "%s: code %d status %d" % (name, code, status))
+    return keep[7]
 
 
 def cvx_qp(P, q, A, b, G, h, lo, up, strict=True):
@@ -90,7 +89,7 @@ for cov, mu in universes:
         top = mu @ cvx_qp(np.eye(n) * 1e-9, -mu, A, b, G, h, lo, up, strict=False)
         target = 0.5 * (top + mu @ cvx_qp(cov, np.zeros(n), A, b, G, h, lo, up))
         Gm, hm = plus_row(G, h, -mu, -target)
-        w = call_alloc("ORXallocMV", cov, mu, A, b, G, h, lo, up, target)[2]
+        w = call_alloc("ORXallocMV", cov, mu, A, b, G, h, lo, up, target)
         ref = cvx_qp(cov, np.zeros(n), A, b, Gm, hm, lo, up)
         compare(label + " MV", w, ref, lambda x: 0.5 * x @ cov @ x, A, b, Gm, hm, lo, up)
         # Tracking error against a feasible benchmark perturbed off that optimum.
@@ -99,13 +98,13 @@ for cov, mu in universes:
         qv, rb = cov @ bench, mu @ bench
         excess = 0.25 * (top - rb)
         Gt, ht = plus_row(G, h, -mu, -(excess + rb))
-        w = call_alloc("ORXallocIT", cov, mu, A, b, G, h, lo, up, excess, (qv, rb))[2]
+        w = call_alloc("ORXallocIT", cov, mu, A, b, G, h, lo, up, excess, (qv, rb))
         ref = cvx_qp(cov, -qv, A, b, Gt, ht, lo, up)
         compare(label + " IT", w, ref, lambda x: 0.5 * x @ cov @ x - qv @ x, A, b, Gt, ht, lo, up)
         # Maximum Sharpe ratio (no caller equality; the fixed holding freed: homogeneous, two rows).
         lo2, up2 = np.where(lo == up, 0.0, lo), np.where(lo == up, 0.6, up)
         rf = 0.25 * (np.min(mu) + np.max(mu))
-        w = call_alloc("ORXallocSharpeRatio", cov, mu, *none(n), G, h, lo2, up2, rf)[2]
+        w = call_alloc("ORXallocSharpeRatio", cov, mu, *none(n), G, h, lo2, up2, rf)
         compare(label + " SR", w, sharpe_reference(cov, mu, G, h, lo2, up2, rf),
                 lambda x: -(mu @ x - rf) / np.sqrt(x @ cov @ x), A, b, G, h, np.maximum(lo2, 0), up2,
                 scale=False)  # a ratio: absolute 1e-8
@@ -124,7 +123,7 @@ for cov, mu, q, rb, G, h, lo, up, exact in (
          np.array([3.09375, 0.0134375, 0, -2.78125, 0.063125]),
          ([3.09375, 0.0134375, 0.0, -2.78125, 0.031875], 1e-12))):
     n, label = len(mu), "tied IT n=%d" % len(mu)
-    w = call_alloc("ORXallocIT", cov, mu, *none(n), G, h, lo, up, 0.0, (q, rb))[2]
+    w = call_alloc("ORXallocIT", cov, mu, *none(n), G, h, lo, up, 0.0, (q, rb))
     Gt, ht = plus_row(G, h, -mu, -rb)
     ref = cvx_qp(cov, -q, *none(n), Gt, ht, lo, up)
     compare(label, w, ref, lambda x: 0.5 * x @ cov @ x - q @ x, *none(n), Gt, ht, lo, up)

@@ -3,6 +3,7 @@
 // zero-width bounds, repeated rows, a budget the bounds pin down, zero or rank-one Hessians.
 // Dyadic data, so every tie is exact.  Column-major, one constraint per column.
 #pragma once
+#include <algorithm>
 #include <vector>
 
 namespace lumbra::testing {
@@ -35,14 +36,9 @@ inline DegenerateQp degenerateProblem(int k) {
     for (int i = 3; i < n; ++i) p.upper[i] = 0.125;  // sum of the upper bounds is exact
   // The budget twice; a cap on x0 + x3, again, scaled by 2; x0 - x1 <= u0
   // (the sum of two bounds); for odd k a tied return row mu'x >= target.
-  for (int j = 0; j < 2; ++j) {
-    for (int i = 0; i < n; ++i) C(i, j) = 1.0;
-    p.d[j] = pinned ? 0.5 + 0.125 + 0.125 * (n - 3) : 1.0;
-  }
+  std::fill_n(p.C.begin(), 2 * n, 1.0), p.d[0] = p.d[1] = pinned ? 0.5 + 0.125 + 0.125 * (n - 3) : 1.0;
   const double cap = pinned ? 0.625 : 0.375;  // pinned: active at the only point
-  C(0, 2) = C(3, 2) = 1.0, p.d[2] = cap;
-  C(0, 3) = C(3, 3) = 1.0, p.d[3] = cap;
-  C(0, 4) = C(3, 4) = 2.0, p.d[4] = 2.0 * cap;
+  for (int j = 2; j < 5; ++j) C(0, j) = C(3, j) = j == 4 ? 2.0 : 1.0, p.d[j] = C(0, j) * cap;
   C(0, 5) = 1.0, C(1, 5) = -1.0, p.d[5] = 0.5;
   if (p.mi == 5) {
     for (int i = 0; i < n; ++i) C(i, 6) = -(i % 2 == 0 ? 0.125 : 0.0625);
