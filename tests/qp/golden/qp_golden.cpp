@@ -300,14 +300,15 @@ std::string allocRecord(const std::string& name, const Alloc& a) {
 // The records, name and text, in a fixed order (new families go at the end).
 std::vector<std::pair<std::string, std::string>> corpus() {
   std::vector<std::pair<std::string, std::string>> out;
-  auto add = [&out](const std::string& name, const std::string& text) { out.emplace_back(name, text); };
+  auto qp = [&out](const std::string& name, const Qp& p) { out.emplace_back(name, solveRecord(name, p)); };
+  auto alloc = [&out](const std::string& name, const Alloc& a) { out.emplace_back(name, allocRecord(name, a)); };
   Rng r{20240611};
   for (int k = 0; k < 360; ++k) {  // mostly small, a tail up to 300 variables
     const int sk = r.below(40);
     const int n = sk < 24   ? 2 + r.below(9)
                   : sk < 34 ? 11 + r.below(40)
                   : sk < 38 ? 51 + r.below(100) : 151 + r.below(150);
-    add("qp" + std::to_string(k), solveRecord("qp" + std::to_string(k), randomProblem(r, n)));
+    qp("qp" + std::to_string(k), randomProblem(r, n));
   }
   for (int k = 0; k < 12; ++k) {  // one variable, through the scalar path of the driver
     Qp p;
@@ -315,18 +316,14 @@ std::vector<std::pair<std::string, std::string>> corpus() {
     p.me = k % 4 == 1, p.mi = k % 2;
     for (int j = 0; j < p.me + p.mi; ++j) p.C.push_back(r.range(-1.0, 1.0)), p.d.push_back(r.range(-1.0, 1.0));
     p.lower = {-1.0}, p.upper = {k % 5 == 0 ? -1.0 : 1.0};
-    add("scalar" + std::to_string(k), solveRecord("scalar" + std::to_string(k), p));
+    qp("scalar" + std::to_string(k), p);
   }
-  for (int n : {50, 200}) add("bench" + std::to_string(n), solveRecord("bench", benchProblem(n)));
-  for (int k = 0; k < 90; ++k) {  // allocator problems, each through the three exports
-    const int n = k < 70 ? 2 + r.below(30) : 31 + r.below(120);
-    add("alloc" + std::to_string(k), allocRecord("alloc" + std::to_string(k), randomAlloc(r, n)));
-  }
+  for (int n : {50, 200}) out.emplace_back("bench" + std::to_string(n), solveRecord("bench", benchProblem(n)));
+  for (int k = 0; k < 90; ++k)  // allocator problems, each through the three exports
+    alloc("alloc" + std::to_string(k), randomAlloc(r, k < 70 ? 2 + r.below(30) : 31 + r.below(120)));
   for (int k = 0; k < lumbra::testing::kDegenerateCount; ++k)
-    add("degenerate" + std::to_string(k), solveRecord("degenerate" + std::to_string(k),
-                                                       lumbra::testing::degenerateProblem(k)));
-  for (int k = 0; k < 4; ++k)
-    add("tied" + std::to_string(k), allocRecord("tied" + std::to_string(k), tiedAlloc(k)));
+    qp("degenerate" + std::to_string(k), lumbra::testing::degenerateProblem(k));
+  for (int k = 0; k < 4; ++k) alloc("tied" + std::to_string(k), tiedAlloc(k));
   return out;
 }
 
@@ -351,14 +348,10 @@ std::string digest(const std::string& text) {
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
-  if (!(mode == "--dump" || ((mode == "--digest" || mode == "--check") && argc > 2))) {
-    std::fprintf(stderr, "usage: %s --dump | --digest FILE | --check FILE\n", argv[0]);
-    return 2;
-  }
-  if (mode == "--check" && optimisedBlasLoaded()) {
-    std::printf("optimised BLAS in use: the corpus holds for the reference BLAS only; skipped\n");
-    return 77;
-  }
+  if (!(mode == "--dump" || ((mode == "--digest" || mode == "--check") && argc > 2)))
+    return std::fprintf(stderr, "usage: %s --dump | --digest FILE | --check FILE\n", argv[0]), 2;
+  if (mode == "--check" && optimisedBlasLoaded())
+    return std::printf("optimised BLAS in use: the corpus holds for the reference BLAS only; skipped\n"), 77;
   const auto records = corpus();
   if (mode != "--check") {
     std::FILE* f = mode == "--dump" ? stdout : std::fopen(argv[2], "w");
