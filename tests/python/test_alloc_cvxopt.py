@@ -1,8 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The three allocators against cvxopt's interior-point QP on random long-only and long-short
-universes, then tracking error on exactly tied data: a portfolio meets every constraint to 1e-9,
-its objective is no worse than cvxopt's (relative 1e-8: cvxopt's tolerance), its weights agree to
-1e-7 (the optimum is unique; the slack is cvxopt's accuracy)."""
+"""The allocators against cvxopt's QP on random universes, then tracking error on exactly tied
+data: a portfolio meets every constraint to 1e-9, its objective is no worse than cvxopt's (relative
+1e-8: cvxopt's tolerance), its weights agree to 1e-7 (unique optimum; cvxopt's accuracy)."""
 import os
 import sys
 
@@ -11,10 +10,8 @@ from cvxopt import matrix as cvx, solvers
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import lumbra_ctypes as lc  # noqa: E402
-from lumbra_ctypes import check  # noqa: E402
 
-solvers.options.update(show_progress=False, abstol=1e-12, reltol=1e-12, feastol=1e-12,
-                       maxiters=200)
+solvers.options.update(show_progress=False, abstol=1e-12, reltol=1e-12, feastol=1e-12, maxiters=200)
 FEAS_TOL, OBJ_TOL, W_TOL = 1e-9, 1e-8, 1e-7
 
 
@@ -27,27 +24,27 @@ def call_alloc(name, cov, mu, A, b, G, h, lo, up, scalar, pre=(np.zeros(1),)):
                            *([lc.arr(keep[6]), lc.f64(pre[1])] if len(pre) > 1 else []),
                            lc.i32(len(b)), lc.i32(len(h)), lc.arr(keep[2]), lc.arr(keep[3]),
                            lc.arr(keep[4]), lc.arr(keep[5]), lc.f64(scalar), lc.arr(keep[7]))
-    check(code == 0 and status == 0, "%s: code %d status %d" % (name, code, status))
+    lc.check(code == 0 and status == 0, "%s: code %d status %d" % (name, code, status))
     return keep[7]
 
 
 def cvx_qp(P, q, A, b, G, h, lo, up, strict=True):
     # Fixed variables become equalities (an interior point needs an interior); infinite bounds go.
     n, free, I = P.shape[0], lo != up, np.eye(P.shape[0])
-    bnd = free & np.isfinite(lo)
+    bnd = free & np.isfinite(lo)  # lower and upper bounds are finite together here
     sol = solvers.qp(cvx(P), cvx(q), cvx(np.vstack([G, -I[bnd], I[bnd]])),
                      cvx(np.concatenate([h, -lo[bnd], up[bnd]])), cvx(np.vstack([A, I[~free]])),
                      cvx(np.concatenate([b, lo[~free]])))
-    check(sol["status"] == "optimal" or not strict, "cvxopt %s (n=%d)" % (sol["status"], n))
+    lc.check(sol["status"] == "optimal" or not strict, "cvxopt %s (n=%d)" % (sol["status"], n))
     return np.array(sol["x"]).ravel()
 
 
 def compare(label, w, ref, obj, A, b, G, h, lo, up, scale=True):
-    check(np.all(np.abs(A @ w - b) <= FEAS_TOL) and np.all(G @ w <= h + FEAS_TOL)
-          and np.all(w >= lo - FEAS_TOL) and np.all(w <= up + FEAS_TOL), label + ": infeasible")
-    check(obj(w) <= obj(ref) + OBJ_TOL * (max(1.0, abs(obj(ref))) if scale else 1.0),
-          "%s: objective %r worse than cvxopt %r" % (label, obj(w), obj(ref)))
-    check(np.max(np.abs(w - ref)) <= W_TOL, "%s: weights differ by %g" % (label, np.max(np.abs(w - ref))))
+    lc.check(np.all(np.abs(A @ w - b) <= FEAS_TOL) and np.all(G @ w <= h + FEAS_TOL)
+             and np.all(w >= lo - FEAS_TOL) and np.all(w <= up + FEAS_TOL), label + ": infeasible")
+    lc.check(obj(w) <= obj(ref) + OBJ_TOL * (max(1.0, abs(obj(ref))) if scale else 1.0),
+             "%s: objective %r worse than cvxopt %r" % (label, obj(w), obj(ref)))
+    lc.check(np.max(np.abs(w - ref)) <= W_TOL, "%s: weights differ by %g" % (label, np.max(np.abs(w - ref))))
 
 
 def sharpe_reference(cov, mu, G, h, lo, up, rf):
@@ -58,17 +55,16 @@ def sharpe_reference(cov, mu, G, h, lo, up, rf):
     Gh = np.vstack([np.hstack([G, -h[:, None]]), np.hstack([-np.eye(n), lo[:, None]]),
                     np.hstack([np.eye(n), -up[:, None]]), -np.eye(n + 1)])
     Ah = np.vstack([np.append(np.ones(n), -1.0), np.append(mu, -rf)])
-    z = cvx_qp(P, np.zeros(n + 1), Ah, np.array([0.0, 1.0]), Gh, np.zeros(len(Gh)),
-               np.full(n + 1, -np.inf), np.full(n + 1, np.inf))
+    inf = np.full(n + 1, np.inf)
+    z = cvx_qp(P, np.zeros(n + 1), Ah, np.array([0.0, 1.0]), Gh, np.zeros(len(Gh)), -inf, inf)
     return z[:n] / z[n]
 
 
-def none(n):
+def none(n):  # no rows
     return np.zeros((0, n)), np.zeros(0)
 
 
-def plus_row(G, h, a, t):
-    """The rows G w <= h and a w <= t."""
+def plus_row(G, h, a, t):  # the rows G w <= h and a w <= t
     return np.vstack([G, a]), np.concatenate([h, [t]])
 
 
@@ -78,8 +74,7 @@ universes = [(F @ F.T / 3 + np.diag(rng.uniform(0.01, 0.04, n)), rng.uniform(0.0
 for cov, mu in universes:
     n, cov, A, b = len(mu), (cov + cov.T) / 2, np.ones((1, len(mu))), np.array([1.0])
     # Long-short: two sectors in [-10%, 70%], bounds [-0.3, 0.6], asset 1 fixed at 5%.
-    s = np.zeros((2, n))
-    s[0, :n // 2] = s[1, n // 2:] = 1.0
+    s = np.vstack([np.arange(n) < n // 2, np.arange(n) >= n // 2]).astype(float)
     lo_ls, up_ls = np.full(n, -0.3), np.full(n, 0.6)
     lo_ls[1] = up_ls[1] = 0.05
     for label, G, h, lo, up in (
@@ -127,6 +122,6 @@ for cov, mu, q, rb, G, h, lo, up, exact in (
     Gt, ht = plus_row(G, h, -mu, -rb)
     ref = cvx_qp(cov, -q, *none(n), Gt, ht, lo, up)
     compare(label, w, ref, lambda x: 0.5 * x @ cov @ x - q @ x, *none(n), Gt, ht, lo, up)
-    check(np.max(np.abs(w - exact[0])) <= exact[1], "%s: %r" % (label, w))
+    lc.check(np.max(np.abs(w - exact[0])) <= exact[1], "%s: %r" % (label, w))
 
 lc.finish()
