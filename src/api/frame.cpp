@@ -67,7 +67,7 @@ void transposeIntoTemporary(const double* a, i64 rows, i64 cols, double* tmp) {
 void transposeSquareInPlace(double* a, i64 n) {
   for (i64 j0 = 0; j0 < n; j0 += kTile) {
     const i64 j1 = std::min(n, j0 + kTile);
-    for (i64 i0 = 0; i0 < j0; i0 += kTile) {
+    for (i64 i0 = 0; i0 <= j0; i0 += kTile) {
       const i64 i1 = std::min(n, i0 + kTile);
       for (i64 j = j0; j < j1; ++j)
         for (i64 i = i0; i < std::min(i1, j); ++i) std::swap(a[at(i, j, n)], a[at(j, i, n)]);
