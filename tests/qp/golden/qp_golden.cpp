@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bit-exact regression corpus of the QP solver and the allocators: seeded
-// random problems of every kind (n 2 to 300), then degenerate and tied ones;
-// each outcome in %a (every bit and zero sign counts) is a text record with
-// an FNV-1a digest.  --digest FILE writes them, --dump the texts, --check
-// FILE compares (on the reference BLAS: 77, skipped, under an optimised one).
+// Bit-exact regression corpus of the QP solver and the allocators: seeded random problems (n 2
+// to 300), degenerate and tied ones; each outcome in %a is a text record with an FNV-1a digest.
+// --digest FILE writes them, --dump the texts, --check FILE compares (77 under an optimised BLAS).
 #include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <fstream>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -24,8 +21,7 @@ namespace {
 using Vec = std::vector<double>;
 using std::size_t;
 
-// Deterministic generator (splitmix64).
-struct Rng {
+struct Rng {  // splitmix64
   std::uint64_t s;
   std::uint64_t next() {
     std::uint64_t z = (s += 0x9e3779b97f4a7c15ULL);
@@ -50,13 +46,11 @@ __attribute__((format(printf, 2, 3))) void line(std::string& t, const char* fmt,
 }
 void values(std::string& t, const char* tag, const double* v, long k) {
   char buf[48];
-  t += tag;
-  for (long i = 0; i < k; ++i) std::snprintf(buf, sizeof buf, " %a", v[i]), t += buf;
+  for (t += tag; k-- > 0; t += buf) std::snprintf(buf, sizeof buf, " %a", *v++);
   t += '\n';
 }
 
-// H = B B' / k + diag(delta) (definite), B B' / k (low rank), zero,
-// indefinite, or diagonal with some zeros: kind 0 .. 4.
+// Kind 0..4: H = B B'/k + diag(delta), B B'/k (low rank), zero, indefinite, diagonal with zeros.
 void fillHessian(Qp& p, Rng& r, int kind) {
   const int n = p.n;
   p.H.assign(size_t(n) * n, 0.0);
@@ -80,8 +74,7 @@ void fillHessian(Qp& p, Rng& r, int kind) {
     }
 }
 
-// A random problem built around a point x0 inside the bounds, so that it is
-// feasible unless the family asks for infeasibility.
+// A random problem around a point x0 inside the bounds: feasible unless the family says not.
 Qp randomProblem(Rng& r, int n) {
   Qp p;
   p.n = n;
@@ -130,8 +123,7 @@ Qp randomProblem(Rng& r, int n) {
   return p;
 }
 
-// The long-only mean-variance problem of bench_qp (budget, return row at a
-// binding target, 0 <= w <= 5/n), built the same way from the same seed.
+// bench_qp's long-only mean-variance problem (budget, binding return row, 0 <= w <= 5/n).
 Qp benchProblem(int n) {
   constexpr int kFactors = 10;
   std::mt19937_64 rng(1000 + n);
@@ -160,8 +152,8 @@ Qp benchProblem(int n) {
   return p;
 }
 
-// Solves p through qpDriver (status, x, multipliers, H restored) and through
-// the main iteration as the driver runs it (passes, working set, objective).
+// Solves p by qpDriver (status, x, multipliers, H restored) and by the main iteration as the
+// driver runs it (passes, working set, objective).
 std::string solveRecord(const std::string& name, const Qp& p) {
   std::string t;
   const int n = p.n, me = p.me, mi = p.mi, m = me + mi;
@@ -244,20 +236,19 @@ Alloc randomAlloc(Rng& r, int n) {
   return a;
 }
 
-// Allocator problems on exactly tied data (diagonal covariances), the
-// reproducers of four faults found by fuzzing: the two tracking-error
-// problems whose feasibility start once overran its work, a Sharpe-ratio
-// problem once returned with weights outside their bounds, and a
-// mean-variance problem once reported solved at a point missing its rows.
+// Fuzzing reproducers on tied data (diagonal covariances): two tracking-error problems whose
+// feasibility start overran its work, a Sharpe ratio once out of its bounds, a mean-variance
+// problem once solved at a point missing its rows.
 Alloc tiedAlloc(int k) {
   Alloc a;
   auto diagonal = [&a](const Vec& v) {
     a.n = static_cast<int>(v.size()), a.cov.assign(v.size() * v.size(), 0.0);
     for (int i = 0; i < a.n; ++i) a.cov[i * size_t(a.n) + i] = v[i];
   };
+  const double o = -0.036875;
+  a.cons = {0.0}, a.rhs = {0.0};  // no rows
   if (k == 0) {
-    a.n = 2, a.nIneq = 1;
-    a.cov = {.04, 0, 0, .08}, a.mu = {.05, .10}, a.q = {.01, .01};
+    a.n = 2, a.nIneq = 1, a.cov = {.04, 0, 0, .08}, a.mu = {.05, .10}, a.q = {.01, .01};
     a.cons = {1, 1}, a.rhs = {1}, a.lower = {-1e5, -1e5}, a.upper = {1e5, 1e5};
     a.benchReturn = a.target = .05, a.riskFree = 0.0;
   } else if (k == 1) {
@@ -266,24 +257,18 @@ Alloc tiedAlloc(int k) {
     a.q = {0.031875, 0.0171875, 3.53125, 0.0378125, 0.0178125};
     a.lower = {3.09375, -0.0003125, -0.0003125, -2.8125, 0.031875};
     a.upper = {3.09375, 0.0134375, 0, -2.78125, 0.063125};
-    a.cons = {0.0}, a.rhs = {0.0};
   } else if (k == 2) {
     diagonal({0.0025625, 0.001, 0.0013125, 0.09475, 0.0050625, 0.0200625, 0.001});
-    a.mu = {0, -0.09375, -0.03125, 0, 0, -0.03125, 0};
-    a.lower = {0, 0, 0, 0, 0.0025, 0, 0.0246875};
-    a.upper = {1, 0, 0, 0.03125, 0.0028125, 0.09375, 0.5246875};
-    a.cons = {0.0}, a.rhs = {0.0}, a.riskFree = -0.0003125, a.q.assign(a.n, 0.0);
+    a.mu = {0, -0.09375, -0.03125, 0, 0, -0.03125, 0}, a.lower = {0, 0, 0, 0, 0.0025, 0, 0.0246875};
+    a.upper = {1, 0, 0, 0.03125, 0.0028125, 0.09375, 0.5246875}, a.riskFree = -0.0003125, a.q.assign(a.n, 0.0);
   } else {
     diagonal({3.34475, 3.34475, 0.001, 0.001, 0.001, 0.0056875, 0.016, 1.5635});
-    a.nEq = 3, a.nIneq = 3;
-    a.mu = {0.0159375, 1, 0, 0.0378125, -0.03125, -0.03125, -0.03125, -0.03125};
-    a.lower = {-0.036875, -0.036875, -0.036875, -0.036875, -0.036875, 0, 0.03, 0.0009375};
+    a.nEq = 3, a.nIneq = 3, a.mu = {0.0159375, 1, 0, 0.0378125, -0.03125, -0.03125, -0.03125, -0.03125};
+    a.lower = {o, o, o, o, o, 0, 0.03, 0.0009375};
     a.upper = {1.963125, 3.619375, 3.619375, 3.619375, 3.619375, 3.65625, 3.7175, 3.6571875};
-    const double o = -0.036875;
-    a.cons = {0, o, o, o, o, o, o, 0, 0.03, 0.0009375, -2, -3.65625, -3.65625, -3.65625,
-              -3.65625, -3.65625, -3.65625, 0, o, o, 0.035312500000000004, o, -0.0003125,
-              -0.03125, -0.15625, o, o, o, o, o, o, o, o, o, o, o, o, o, o, o, o, 0, 0, 0,
-              0.0021875, o, o, o};
+    a.cons = {0, o, o, o, o, o, o, 0, 0.03, 0.0009375, -2, -3.65625, -3.65625, -3.65625, -3.65625, -3.65625,
+              -3.65625, 0, o, o, 0.035312500000000004, o, -0.0003125, -0.03125, -0.15625, o, o, o, o, o, o, o,
+              o, o, o, o, o, o, o, o, o, 0, 0, 0, 0.0021875, o, o, o};
     a.rhs.assign(6, o), a.target = -3.65625, a.q.assign(a.n, 0.0);
   }
   return a;
@@ -298,15 +283,14 @@ std::string allocRecord(const std::string& name, const Alloc& a) {
     Alloc b = a;
     Vec w(a.n, -7.0);
     int status = 0;
+    double *cons = b.cons.data(), *rhs = b.rhs.data(), *lo = b.lower.data(), *up = b.upper.data();
     const int ret =
-        which == 0 ? ORXallocMV(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, b.cons.data(),
-                                b.rhs.data(), b.lower.data(), b.upper.data(), &b.target, w.data(), &status)
-        : which == 1 ? ORXallocIT(&b.n, b.cov.data(), b.mu.data(), b.q.data(), &b.benchReturn, &b.nEq,
-                                  &b.nIneq, b.cons.data(), b.rhs.data(), b.lower.data(),
-                                  b.upper.data(), &b.excess, w.data(), &status)
-                     : ORXallocSharpeRatio(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq,
-                                           b.cons.data(), b.rhs.data(), b.lower.data(),
-                                           b.upper.data(), &b.riskFree, w.data(), &status);
+        which == 0 ? ORXallocMV(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, cons, rhs, lo, up, &b.target,
+                                w.data(), &status)
+        : which == 1 ? ORXallocIT(&b.n, b.cov.data(), b.mu.data(), b.q.data(), &b.benchReturn, &b.nEq, &b.nIneq,
+                                  cons, rhs, lo, up, &b.excess, w.data(), &status)
+                     : ORXallocSharpeRatio(&b.n, b.cov.data(), b.mu.data(), &b.nEq, &b.nIneq, cons, rhs, lo, up,
+                                           &b.riskFree, w.data(), &status);
     line(t, "%s return %d status %d", kNames[which], ret, status);
     values(t, "w", w.data(), a.n);
   }
@@ -316,14 +300,15 @@ std::string allocRecord(const std::string& name, const Alloc& a) {
 // The records, name and text, in a fixed order (new families go at the end).
 std::vector<std::pair<std::string, std::string>> corpus() {
   std::vector<std::pair<std::string, std::string>> out;
-  auto add = [&out](const std::string& name, const std::string& text) { out.emplace_back(name, text); };
+  auto qp = [&out](const std::string& name, const Qp& p) { out.emplace_back(name, solveRecord(name, p)); };
+  auto alloc = [&out](const std::string& name, const Alloc& a) { out.emplace_back(name, allocRecord(name, a)); };
   Rng r{20240611};
   for (int k = 0; k < 360; ++k) {  // mostly small, a tail up to 300 variables
     const int sk = r.below(40);
     const int n = sk < 24   ? 2 + r.below(9)
                   : sk < 34 ? 11 + r.below(40)
                   : sk < 38 ? 51 + r.below(100) : 151 + r.below(150);
-    add("qp" + std::to_string(k), solveRecord("qp" + std::to_string(k), randomProblem(r, n)));
+    qp("qp" + std::to_string(k), randomProblem(r, n));
   }
   for (int k = 0; k < 12; ++k) {  // one variable, through the scalar path of the driver
     Qp p;
@@ -331,26 +316,21 @@ std::vector<std::pair<std::string, std::string>> corpus() {
     p.me = k % 4 == 1, p.mi = k % 2;
     for (int j = 0; j < p.me + p.mi; ++j) p.C.push_back(r.range(-1.0, 1.0)), p.d.push_back(r.range(-1.0, 1.0));
     p.lower = {-1.0}, p.upper = {k % 5 == 0 ? -1.0 : 1.0};
-    add("scalar" + std::to_string(k), solveRecord("scalar" + std::to_string(k), p));
+    qp("scalar" + std::to_string(k), p);
   }
-  for (int n : {50, 200}) add("bench" + std::to_string(n), solveRecord("bench", benchProblem(n)));
-  for (int k = 0; k < 90; ++k) {  // allocator problems, each through the three exports
-    const int n = k < 70 ? 2 + r.below(30) : 31 + r.below(120);
-    add("alloc" + std::to_string(k), allocRecord("alloc" + std::to_string(k), randomAlloc(r, n)));
-  }
+  for (int n : {50, 200}) out.emplace_back("bench" + std::to_string(n), solveRecord("bench", benchProblem(n)));
+  for (int k = 0; k < 90; ++k)  // allocator problems, each through the three exports
+    alloc("alloc" + std::to_string(k), randomAlloc(r, k < 70 ? 2 + r.below(30) : 31 + r.below(120)));
   for (int k = 0; k < lumbra::testing::kDegenerateCount; ++k)
-    add("degenerate" + std::to_string(k), solveRecord("degenerate" + std::to_string(k),
-                                                       lumbra::testing::degenerateProblem(k)));
-  for (int k = 0; k < 4; ++k)
-    add("tied" + std::to_string(k), allocRecord("tied" + std::to_string(k), tiedAlloc(k)));
+    qp("degenerate" + std::to_string(k), lumbra::testing::degenerateProblem(k));
+  for (int k = 0; k < 4; ++k) alloc("tied" + std::to_string(k), tiedAlloc(k));
   return out;
 }
 
 // True when an optimised BLAS is mapped into this process.
 bool optimisedBlasLoaded() {
   std::ifstream maps("/proc/self/maps");
-  std::string l;
-  while (std::getline(maps, l))
+  for (std::string l; std::getline(maps, l);)
     for (const char* lib : {"openblas", "libmkl", "blis", "atlas"})
       if (l.find(lib) != std::string::npos) return true;
   return false;
@@ -368,33 +348,26 @@ std::string digest(const std::string& text) {
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
-  if (!(mode == "--dump" || ((mode == "--digest" || mode == "--check") && argc > 2))) {
-    std::fprintf(stderr, "usage: %s --dump | --digest FILE | --check FILE\n", argv[0]);
-    return 2;
-  }
-  if (mode == "--check" && optimisedBlasLoaded()) {
-    std::printf("optimised BLAS in use: the corpus holds for the reference BLAS only; skipped\n");
-    return 77;
-  }
+  if (!(mode == "--dump" || ((mode == "--digest" || mode == "--check") && argc > 2)))
+    return std::fprintf(stderr, "usage: %s --dump | --digest FILE | --check FILE\n", argv[0]), 2;
+  if (mode == "--check" && optimisedBlasLoaded())
+    return std::printf("optimised BLAS in use: the corpus holds for the reference BLAS only; skipped\n"), 77;
   const auto records = corpus();
   if (mode != "--check") {
     std::FILE* f = mode == "--dump" ? stdout : std::fopen(argv[2], "w");
-    if (!f) return 2;
     for (const auto& [name, text] : records)
-      std::fprintf(f, "%s", mode == "--dump" ? text.c_str() : (name + ' ' + digest(text) + '\n').c_str());
-    return std::fclose(f) == 0 ? 0 : 2;
+      if (f) std::fprintf(f, "%s", mode == "--dump" ? text.c_str() : (name + ' ' + digest(text) + '\n').c_str());
+    return f && std::fclose(f) == 0 ? 0 : 2;
   }
-  std::map<std::string, std::string> expected;
-  std::ifstream in(argv[2]);
-  for (std::string name, h; in >> name >> h;) expected[name] = h;
+  std::ifstream in(argv[2]);  // the records' digests in their order
   int passed = 0, failed = 0;
   for (const auto& [name, text] : records) {
-    const std::string got = digest(text), want = expected.count(name) ? expected[name] : "(none)";
-    if (want == got) ++passed;
-    else ++failed, std::printf("MISMATCH %s: expected %s, got %s\n", name.c_str(), want.c_str(), got.c_str());
-    expected.erase(name);
+    std::string wantName = "(none)", want;
+    in >> wantName >> want;
+    if (wantName == name && want == digest(text)) ++passed;
+    else ++failed, std::printf("MISMATCH %s: expected %s %s\n", name.c_str(), wantName.c_str(), want.c_str());
   }
-  for (const auto& left : expected) ++failed, std::printf("MISSING %s\n", left.first.c_str());
+  for (std::string extra; in >> extra;) ++failed, std::printf("EXTRA %s\n", extra.c_str());
   std::printf("%d passed, %d failed\n", passed, failed);
   return failed == 0 ? 0 : 1;
 }
