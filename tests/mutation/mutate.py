@@ -313,7 +313,9 @@ def ctest(args, env):
     cmd = ["ctest", "--test-dir", args.build, "-j", str(args.jobs), "--no-tests=error",
            "--timeout", str(args.timeout)] + (["-E", args.exclude] if args.exclude else [])
     rc, out, secs = run(cmd, env)
-    failed = dict(m.groups() for m in map(FAILED_LINE.match, out.splitlines()) if m)
+    # The names after "The following tests FAILED:" (not the skipped ones listed before it).
+    tail = out.split("The following tests FAILED:", 1)[1] if "tests FAILED:" in out else ""
+    failed = dict(m.groups() for m in map(FAILED_LINE.match, tail.splitlines()) if m)
     if rc != 0 and not failed:
         # ctest failed without naming a test: count it against a pseudo-test
         # so that the mutant is not called a survivor.
